@@ -1,0 +1,26 @@
+#pragma once
+// The platform services of this process, installed at start-up (the CLI, a role, a test fixture).
+#include <memory>
+
+#include "platform/Clock.h"
+#include "platform/DeviceInfo.h"
+#include "platform/MessagePort.h"
+#include "platform/UserDefaults.h"
+#include "platform/UserInterface.h"
+
+namespace tw {
+
+struct Platform {
+    std::shared_ptr<MessagePortService> ports;
+    // The home-screen process's own preferences domain, where the settings live.
+    std::shared_ptr<UserDefaults> standardDefaults;
+    std::shared_ptr<DeviceInfo> device;
+    std::shared_ptr<UserInterface> ui;
+    std::shared_ptr<SoundService> sounds;
+    std::shared_ptr<Sleeper> sleeper;
+
+    static Platform& current();
+    static void install(Platform platform);
+};
+
+}  // namespace tw

@@ -1,0 +1,32 @@
+#pragma once
+// A user-defaults domain: typed values by key, kept across runs.
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+
+namespace tw {
+
+using DefaultsValue = std::variant<bool, int64_t, double, std::string>;
+
+class UserDefaults {
+public:
+    virtual ~UserDefaults() = default;
+    virtual std::optional<DefaultsValue> objectForKey(const std::string& key) = 0;
+    virtual void setObject(const std::string& key, const DefaultsValue& value) = 0;
+    virtual void removeObjectForKey(const std::string& key) = 0;
+
+    // Typed reads with the platform's conversions: numbers and the texts "YES"/"true"/a non-zero
+    // number read as true; a missing or unconvertible value reads as false / 0 / 0.0 / nullopt.
+    bool boolForKey(const std::string& key);
+    int64_t integerForKey(const std::string& key);
+    double doubleForKey(const std::string& key);
+    std::optional<std::string> stringForKey(const std::string& key);
+
+    void setBool(const std::string& key, bool v) { setObject(key, DefaultsValue{v}); }
+    void setInteger(const std::string& key, int64_t v) { setObject(key, DefaultsValue{v}); }
+    void setDouble(const std::string& key, double v) { setObject(key, DefaultsValue{v}); }
+    void setString(const std::string& key, const std::string& v) { setObject(key, DefaultsValue{v}); }
+};
+
+}  // namespace tw

@@ -1,0 +1,26 @@
+#pragma once
+// Small helpers shared by the test suites: temporary device roots and file access.
+#include <filesystem>
+#include <string>
+
+namespace tw::test {
+
+// A fresh temporary folder, removed with everything in it when the object goes away.
+class TempDir {
+public:
+    explicit TempDir(const std::string& prefix = "tw-test");
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    std::string str() const { return path_.string(); }
+
+private:
+    std::filesystem::path path_;
+};
+
+std::string readFile(const std::filesystem::path& path);
+void writeFile(const std::filesystem::path& path, const std::string& content);
+
+}  // namespace tw::test
