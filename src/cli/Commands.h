@@ -1,0 +1,21 @@
+#pragma once
+// The tapwright subcommands. Each registers itself and its options on the app.
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+
+namespace tw::cli {
+
+struct CommonOptions {
+    std::string root;  // empty: the default device root
+};
+
+// A subcommand and what it does once chosen (the process's exit status).
+struct Command {
+    CLI::App* sub;
+    std::function<int()> action;
+};
+
+Command addPlayCommand(CLI::App& app, CommonOptions& common);
+
+}  // namespace tw::cli

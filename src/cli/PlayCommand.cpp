@@ -1,0 +1,149 @@
+// tapwright play: plays one script in the home-screen role, in the foreground.
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <asio/signal_set.hpp>
+
+#include "cli/Commands.h"
+#include "core/Global.h"
+#include "core/Paths.h"
+#include "library/FileManager.h"
+#include "platform/linux/LinuxPlatform.h"
+#include "play/ScriptManager.h"
+#include "ui/ConsoleUserInterface.h"
+
+namespace fs = std::filesystem;
+
+namespace tw::cli {
+
+namespace {
+
+struct PlayOptions {
+    std::string script;
+    int64_t repeat = 1;
+    int64_t interval = 1;
+    float speed = 1.0f;
+    std::string profile = "default";
+};
+
+bool sameContent(const fs::path& a, const fs::path& b) {
+    std::error_code ec;
+    if (fs::file_size(a, ec) != fs::file_size(b, ec) || ec) return false;
+    std::ifstream fa(a, std::ios::binary), fb(b, std::ios::binary);
+    return std::equal(std::istreambuf_iterator<char>(fa), std::istreambuf_iterator<char>(),
+                      std::istreambuf_iterator<char>(fb));
+}
+
+// The library path of the script to play: a library path as given, or a file on disk copied into
+// the library root under its file name. Throws with a clear message when there is neither.
+std::string resolveScript(const std::string& script) {
+    std::error_code ec;
+    if (!script.empty() && script.front() == '/' && fs::is_regular_file(FileManager::fullPathOfFile(script), ec))
+        return script;
+    if (!fs::is_regular_file(script, ec))
+        throw std::runtime_error("no script '" + script + "': not in the library (" + FileManager::rootPath() +
+                                 ") nor a file on disk");
+
+    const std::string name = fs::path(script).filename().string();
+    const fs::path target = FileManager::fullPathOfFile("/" + name);
+    if (fs::exists(target, ec)) {
+        if (sameContent(script, target)) return "/" + name;
+        std::fprintf(stderr, "tapwright: replacing /%s in the library with %s\n", name.c_str(), script.c_str());
+    }
+    const fs::path temp = target.string() + ".importing";
+    fs::copy_file(script, temp, fs::copy_options::overwrite_existing, ec);
+    if (!ec) fs::rename(temp, target, ec);
+    if (ec) throw std::runtime_error("cannot import " + script + " into the library: " + ec.message());
+    return "/" + name;
+}
+
+int play(const CommonOptions& common, const PlayOptions& options) {
+    linuxp::ProcessSetup setup;
+    setup.root = common.root.empty() ? linuxp::defaultDeviceRoot() : common.root;
+    setup.profile = linuxp::loadDeviceProfile(linuxp::profilePath(options.profile));
+    setup.ui = std::make_shared<ConsoleUserInterface>();
+    setup.sounds = std::make_shared<ConsoleSoundService>();
+    fs::create_directories(setup.root);
+    setup.root = fs::canonical(setup.root).string();
+    auto loop = linuxp::installProcess(setup);
+
+    std::string error;
+    if (!linuxp::installAppResources(setup.root, &error)) throw std::runtime_error(error);
+    if (!FileManager::prepareDirectories())
+        throw std::runtime_error("cannot create the library folders under " + setup.root);
+
+    auto settings = std::make_shared<PlaySettings>();
+    settings->filePath = resolveScript(options.script);
+    settings->repeatTime = options.repeat;
+    settings->repeatInterval = options.interval;
+    settings->playSpeed = options.speed;
+    settings->playType = 0;
+    settings->playNowOrLater = 0;
+    settings->showPlayingFinishedAlert = true;
+
+    std::mutex errorMutex;
+    std::string scriptError;
+    ScriptManager::setErrorHandler([&](const std::string& message) {
+        std::lock_guard lock(errorMutex);
+        if (scriptError.empty()) scriptError = message;
+    });
+    ScriptManager::setPlayEndedHandler([&] { loop->stop(); });
+
+    // Ctrl-C stops the play as the stop button would; a second one leaves at once.
+    asio::signal_set signals(loop->context(), SIGINT, SIGTERM);
+    int interrupts = 0;
+    std::function<void(const std::error_code&, int)> onSignal = [&](const std::error_code& ec, int) {
+        if (ec) return;
+        if (++interrupts > 1) std::_Exit(130);
+        std::fprintf(stderr, "tapwright: stopping the play (again to quit at once)\n");
+        ScriptManager::stopPlaying();
+        signals.async_wait(onSignal);
+    };
+    signals.async_wait(onSignal);
+
+    auto& global = Global::sharedInstance();
+    global.setCurrentPlaySettings(settings);
+    loop->post(ScriptManager::runScript);
+    loop->run();
+    signals.cancel();
+    ScriptManager::waitForWorkers();
+    ScriptManager::setErrorHandler(nullptr);
+    ScriptManager::setPlayEndedHandler(nullptr);
+
+    std::lock_guard lock(errorMutex);
+    if (!scriptError.empty()) {
+        std::fprintf(stderr, "tapwright: script error: %s\n", scriptError.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+Command addPlayCommand(CLI::App& app, CommonOptions& common) {
+    auto options = std::make_shared<PlayOptions>();
+    auto* sub = app.add_subcommand("play", "Play a Lua script on the device (in the foreground)");
+    sub->footer(
+        "SCRIPT is a library path (/name.lua, relative to the device's script library) or a file on disk,\n"
+        "which is copied into the library root under its file name first.\n"
+        "Script output (print) goes to stdout, alerts to stderr. Ctrl-C stops the play.\n"
+        "Exit status: 0 when the play ended without a script error (a stop is not an error), 1 otherwise.");
+    sub->add_option("script", options->script, "Script to play: library path or file")->required();
+    sub->add_option("--root", common.root, "Device root folder (default: $XDG_DATA_HOME/tapwright/devices/default)");
+    sub->add_option("--repeat", options->repeat, "Runs per play; 0 repeats until stopped")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    sub->add_option("--interval", options->interval, "Whole seconds between two runs")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    sub->add_option("--speed", options->speed, "Play speed: waits are scaled by 2.0 - speed")
+        ->check(CLI::Range(0.0, 2.0))
+        ->capture_default_str();
+    sub->add_option("--profile", options->profile, "Device profile: a name in resources/devices or a JSON file")
+        ->capture_default_str();
+    return {sub, [&common, options] { return play(common, *options); }};
+}
+
+}  // namespace tw::cli

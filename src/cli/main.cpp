@@ -1,0 +1,30 @@
+// tapwright: plays Lua touch-automation scripts on a virtual device.
+#include <cstdio>
+#include <exception>
+
+#include "cli/Commands.h"
+
+int main(int argc, char** argv) {
+    CLI::App app{"tapwright: touch automation with Lua scripts, on a virtual device"};
+    app.require_subcommand(1);
+    tw::cli::CommonOptions common;
+
+    const std::vector<tw::cli::Command> commands = {
+        tw::cli::addPlayCommand(app, common),
+    };
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e);
+    }
+
+    try {
+        for (const auto& command : commands)
+            if (command.sub->parsed()) return command.action();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "tapwright: %s\n", e.what());
+        return 1;
+    }
+    return 1;
+}

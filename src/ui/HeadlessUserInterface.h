@@ -1,0 +1,33 @@
+#pragma once
+// A user interface and sound service that show nothing and remember everything they were asked
+// to show, for tests and for processes without a screen.
+#include <mutex>
+#include <vector>
+
+#include "platform/UserInterface.h"
+
+namespace tw {
+
+class HeadlessUserInterface : public UserInterface {
+public:
+    void showAlert(const AlertRequest& alert) override;
+    std::vector<AlertRequest> alerts() const;
+    void clear();
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<AlertRequest> alerts_;
+};
+
+class RecordingSoundService : public SoundService {
+public:
+    void playSystemSound(uint32_t soundId) override;
+    std::vector<uint32_t> sounds() const;
+    void clear();
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<uint32_t> sounds_;
+};
+
+}  // namespace tw
