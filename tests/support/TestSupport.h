@@ -24,3 +24,20 @@ std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, const std::string& content);
 
 }  // namespace tw::test
+
+#include <vector>
+
+namespace tw::test {
+
+struct ProcessResult {
+    int exitCode = -1;  // 128 + signal when killed by a signal
+    std::string out;
+    std::string err;
+};
+
+// Runs `args` (args[0] is the program) with `env` added to the environment, standard input
+// closed, and waits for it, at most `timeoutSeconds` (then it is killed).
+ProcessResult runProcess(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                         int timeoutSeconds = 30);
+
+}  // namespace tw::test

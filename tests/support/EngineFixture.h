@@ -1,0 +1,94 @@
+#pragma once
+// A whole engine on a temporary device root for unit tests: the main run loop on the test thread,
+// real user defaults in the root, a headless user interface, a sleeper that records instead of
+// waiting, and optionally a fake injector that owns the injector's port on its own thread.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "TestSupport.h"
+#include "platform/Platform.h"
+#include "platform/linux/AsioRunLoop.h"
+#include "platform/linux/ProfileDeviceInfo.h"
+#include "store/PlaySettings.h"
+#include "ui/HeadlessUserInterface.h"
+
+namespace tw::test {
+
+// Records every sleep; a hook may act on it (from the sleeping thread). Sleeps up to
+// `realLimitMicroseconds` really happen, so tests can give other threads a moment.
+class FakeSleeper : public Sleeper {
+public:
+    void sleepMicroseconds(uint64_t microseconds) override;
+    std::vector<uint64_t> sleeps() const;
+    void setHook(std::function<void(uint64_t)> hook);
+    void clear();
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<uint64_t> sleeps_;
+    std::function<void(uint64_t)> hook_;
+};
+
+// One message as the injector received it.
+struct ReceivedMessage {
+    int32_t msgid;
+    Payload data;
+    bool operator==(const ReceivedMessage&) const = default;
+};
+
+// Owns "me.tapwright.twtweak.backboardd" on a loop of its own thread and records what arrives.
+class FakeInjector {
+public:
+    explicit FakeInjector(MessagePortService& ports);
+    ~FakeInjector();
+
+    bool listening() const { return port_ != nullptr; }
+    std::vector<ReceivedMessage> messages() const;
+    // Waits until at least `count` messages arrived (or 2 s passed); returns whether they did.
+    bool waitForMessages(size_t count);
+    size_t count(int32_t msgid) const;
+    // Closes the port, as a dying injector process would.
+    void close();
+
+private:
+    void closeOnLoop();
+    std::shared_ptr<linuxp::AsioRunLoop> loop_;
+    std::thread thread_;
+    std::shared_ptr<LocalPort> port_;
+    mutable std::mutex mutex_;
+    std::condition_variable arrived_;
+    std::vector<ReceivedMessage> messages_;
+};
+
+class EngineFixture : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Plays `settings` to its end on the test thread's run loop; false when it did not end in 10 s.
+    bool playToEnd(const std::shared_ptr<PlaySettings>& settings);
+    // Writes a script into the library and returns its library path.
+    std::string addScript(const std::string& name, const std::string& lua);
+    // The lines of the error log, without their time stamps.
+    std::vector<std::string> logMessages() const;
+    // Runs the main loop until `done` or 5 s.
+    bool runUntil(const std::function<bool()>& done);
+
+    std::unique_ptr<TempDir> root;
+    std::shared_ptr<linuxp::AsioRunLoop> loop;
+    std::shared_ptr<HeadlessUserInterface> ui;
+    std::shared_ptr<RecordingSoundService> sounds;
+    std::shared_ptr<FakeSleeper> sleeper;
+    std::shared_ptr<UserDefaults> defaults;
+    std::vector<std::string> errors;  // script errors reported to the front end
+    std::mutex errorsMutex;
+    int playsEnded = 0;
+};
+
+}  // namespace tw::test
