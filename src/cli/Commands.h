@@ -17,5 +17,9 @@ struct Command {
 };
 
 Command addPlayCommand(CLI::App& app, CommonOptions& common);
+Command addRoleCommand(CLI::App& app, CommonOptions& common);
+Command addDeviceCommand(CLI::App& app, CommonOptions& common);
+Command addEventsCommand(CLI::App& app, CommonOptions& common);
+Command addHardwareCommand(CLI::App& app, CommonOptions& common);
 
 }  // namespace tw::cli

@@ -6,8 +6,16 @@
 #include <mutex>
 #include <asio/signal_set.hpp>
 
+#include <thread>
+
 #include "cli/Commands.h"
+#include "cli/DeviceAccess.h"
 #include "core/Global.h"
+#include "device/EventTrace.h"
+#include "device/HidHubClient.h"
+#include "device/RoleProcess.h"
+#include "device/Supervisor.h"
+#include "roles/RoleSelection.h"
 #include "core/Paths.h"
 #include "library/FileManager.h"
 #include "platform/linux/LinuxPlatform.h"
@@ -26,6 +34,53 @@ struct PlayOptions {
     int64_t interval = 1;
     float speed = 1.0f;
     std::string profile = "default";
+    std::string trace;
+};
+
+// Copies a running device's events into a trace file while the play lasts, following the device's
+// input-event role through restarts.
+class TraceSubscription {
+public:
+    TraceSubscription(const std::string& root, const std::string& path) : runDir_(device::runDir(root)), file_(path) {
+        std::string error;
+        client_ = device::HidHubClient::connect(runDir_, &error);
+        if (!client_ || !client_->subscribe())
+            throw std::runtime_error("cannot follow the events of the device on " + root + ": " + error);
+        thread_ = std::thread([this] { follow(); });
+    }
+    ~TraceSubscription() {
+        stop_ = true;
+        thread_.join();
+    }
+
+private:
+    void follow() {
+        while (!stop_) {
+            if (client_) {
+                if (auto line = client_->readLine(50)) {
+                    file_.append(*line);
+                    continue;
+                }
+                if (!client_->closed()) continue;
+                client_.reset();
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            client_ = device::HidHubClient::connect(runDir_, nullptr);
+            if (client_ && !client_->subscribe()) client_.reset();
+        }
+        // What is still on its way when the play ends.
+        while (client_) {
+            auto line = client_->readLine(200);
+            if (!line) break;
+            file_.append(*line);
+        }
+    }
+
+    std::string runDir_;
+    device::TraceFile file_;
+    std::unique_ptr<device::HidHubClient> client_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
 };
 
 bool sameContent(const fs::path& a, const fs::path& b) {
@@ -61,12 +116,30 @@ std::string resolveScript(const std::string& script) {
 
 int play(const CommonOptions& common, const PlayOptions& options) {
     linuxp::ProcessSetup setup;
-    setup.root = common.root.empty() ? linuxp::defaultDeviceRoot() : common.root;
+    setup.root = deviceRoot(common);
     setup.profile = linuxp::loadDeviceProfile(linuxp::profilePath(options.profile));
     setup.ui = std::make_shared<ConsoleUserInterface>();
     setup.sounds = std::make_shared<ConsoleSoundService>();
-    fs::create_directories(setup.root);
-    setup.root = fs::canonical(setup.root).string();
+
+    // The input-event and app roles: the running device's, or ours for the length of the play.
+    std::unique_ptr<device::Supervisor> helpers;
+    std::unique_ptr<TraceSubscription> traceSubscription;
+    if (!options.trace.empty()) startTraceFile(options.trace);
+    if (!deviceRunning(setup.root)) {
+        helpers = std::make_unique<device::Supervisor>(
+            device::selfExecutable(),
+            std::vector<std::string>{"--root", setup.root, "--profile", linuxp::profilePath(options.profile)});
+        std::vector<std::string> inputArgs;
+        if (!options.trace.empty()) inputArgs = {"--trace", fs::absolute(options.trace).string()};
+        helpers->addRole(kInputEventBundleId, inputArgs);
+        const std::string app = deviceAppBundleId(setup.profile);
+        if (!app.empty()) helpers->addRole(app);
+        if (!helpers->startAll() || !waitForDevice(setup.root, setup.profile, app, std::chrono::seconds(10)))
+            std::fprintf(stderr, "tapwright: the device's input-event role did not start; touches will be dropped\n");
+    } else if (!options.trace.empty()) {
+        traceSubscription = std::make_unique<TraceSubscription>(setup.root, options.trace);
+    }
+
     auto loop = linuxp::installProcess(setup);
 
     std::string error;
@@ -111,6 +184,8 @@ int play(const CommonOptions& common, const PlayOptions& options) {
     ScriptManager::waitForWorkers();
     ScriptManager::setErrorHandler(nullptr);
     ScriptManager::setPlayEndedHandler(nullptr);
+    traceSubscription.reset();
+    if (helpers) helpers->stopAll();
 
     std::lock_guard lock(errorMutex);
     if (!scriptError.empty()) {
@@ -129,6 +204,8 @@ Command addPlayCommand(CLI::App& app, CommonOptions& common) {
         "SCRIPT is a library path (/name.lua, relative to the device's script library) or a file on disk,\n"
         "which is copied into the library root under its file name first.\n"
         "Script output (print) goes to stdout, alerts to stderr. Ctrl-C stops the play.\n"
+        "Uses the device running on the root (tapwright device), or starts its input-event and app roles\n"
+        "for the length of the play.\n"
         "Exit status: 0 when the play ended without a script error (a stop is not an error), 1 otherwise.");
     sub->add_option("script", options->script, "Script to play: library path or file")->required();
     sub->add_option("--root", common.root, "Device root folder (default: $XDG_DATA_HOME/tapwright/devices/default)");
@@ -143,6 +220,7 @@ Command addPlayCommand(CLI::App& app, CommonOptions& common) {
         ->capture_default_str();
     sub->add_option("--profile", options->profile, "Device profile: a name in resources/devices or a JSON file")
         ->capture_default_str();
+    sub->add_option("--trace", options->trace, "Write the device's events (JSON Lines) to FILE, emptied first");
     return {sub, [&common, options] { return play(common, *options); }};
 }
 

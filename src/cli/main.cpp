@@ -11,6 +11,10 @@ int main(int argc, char** argv) {
 
     const std::vector<tw::cli::Command> commands = {
         tw::cli::addPlayCommand(app, common),
+        tw::cli::addDeviceCommand(app, common),
+        tw::cli::addEventsCommand(app, common),
+        tw::cli::addHardwareCommand(app, common),
+        tw::cli::addRoleCommand(app, common),
     };
 
     try {

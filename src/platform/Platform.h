@@ -4,7 +4,9 @@
 
 #include "platform/Clock.h"
 #include "platform/DeviceInfo.h"
+#include "platform/HidEventSystem.h"
 #include "platform/MessagePort.h"
+#include "platform/NotificationCenter.h"
 #include "platform/UserDefaults.h"
 #include "platform/UserInterface.h"
 
@@ -18,6 +20,9 @@ struct Platform {
     std::shared_ptr<UserInterface> ui;
     std::shared_ptr<SoundService> sounds;
     std::shared_ptr<Sleeper> sleeper;
+    std::shared_ptr<DistributedNotificationCenter> notifications;
+    // The device's input system; present in the input-event role only.
+    std::shared_ptr<HidEventSystem> hidSystem;
 
     static Platform& current();
     static void install(Platform platform);

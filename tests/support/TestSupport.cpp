@@ -104,3 +104,86 @@ ProcessResult runProcess(const std::vector<std::string>& args, const std::vector
 }
 
 }  // namespace tw::test
+
+#include <dirent.h>
+
+#include <thread>
+
+namespace tw::test {
+
+BackgroundProcess::BackgroundProcess(const std::vector<std::string>& args) {
+    std::vector<char*> argv;
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    const std::string out = (outputDir_.path() / "out").string();
+    const std::string err = (outputDir_.path() / "err").string();
+    pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+        const int devnull = open("/dev/null", O_RDONLY);
+        dup2(devnull, 0);
+        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+}
+
+BackgroundProcess::~BackgroundProcess() {
+    if (exitCode_ < 0 && pid_ > 0) stop();
+}
+
+int BackgroundProcess::wait(int timeoutSeconds) {
+    if (exitCode_ >= 0) return exitCode_;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+    while (std::chrono::steady_clock::now() < deadline) {
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            return exitCode_;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return -1;
+}
+
+int BackgroundProcess::stop(int signal) {
+    if (exitCode_ >= 0) return exitCode_;
+    kill(pid_, signal);
+    if (wait(10) < 0) {
+        kill(pid_, SIGKILL);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        exitCode_ = 128 + SIGKILL;
+    }
+    return exitCode_;
+}
+
+std::string BackgroundProcess::out() const { return readFile(outputDir_.path() / "out"); }
+std::string BackgroundProcess::err() const { return readFile(outputDir_.path() / "err"); }
+
+std::vector<pid_t> findProcesses(const std::vector<std::string>& parts) {
+    std::vector<pid_t> pids;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::string cmdline = readFile(entry.path() / "cmdline");
+        for (auto& c : cmdline)
+            if (c == '\0') c = ' ';
+        bool all = !cmdline.empty();
+        for (const auto& part : parts) all = all && cmdline.find(part) != std::string::npos;
+        if (all) pids.push_back(static_cast<pid_t>(std::stol(name)));
+    }
+    return pids;
+}
+
+bool waitFor(const std::function<bool()>& done, int timeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+}  // namespace tw::test

@@ -1,6 +1,7 @@
 #pragma once
 // Small helpers shared by the test suites: temporary device roots and file access.
 #include <filesystem>
+#include <functional>
 #include <string>
 
 namespace tw::test {
@@ -39,5 +40,37 @@ struct ProcessResult {
 // closed, and waits for it, at most `timeoutSeconds` (then it is killed).
 ProcessResult runProcess(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                          int timeoutSeconds = 30);
+
+}  // namespace tw::test
+
+#include <sys/types.h>
+
+namespace tw::test {
+
+// A process running beside the test, its output going to files; stopped with SIGTERM when the
+// object goes away.
+class BackgroundProcess {
+public:
+    explicit BackgroundProcess(const std::vector<std::string>& args);
+    ~BackgroundProcess();
+    pid_t pid() const { return pid_; }
+    // SIGTERM (or `signal`), then waits up to 10 s; returns the exit code (128 + signal if killed).
+    int stop(int signal = 15);
+    // Waits for the process to end by itself, up to `timeoutSeconds`; -1 when it did not.
+    int wait(int timeoutSeconds);
+    std::string out() const;
+    std::string err() const;
+
+private:
+    pid_t pid_ = -1;
+    int exitCode_ = -1;
+    TempDir outputDir_{"tw-proc"};
+};
+
+// Pids of processes whose command line holds every one of `parts`.
+std::vector<pid_t> findProcesses(const std::vector<std::string>& parts);
+
+// Polls `done` every 20 ms until it is true or `timeoutMs` passed.
+bool waitFor(const std::function<bool()>& done, int timeoutMs);
 
 }  // namespace tw::test

@@ -1,0 +1,128 @@
+#include "device/Supervisor.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+namespace tw::device {
+
+std::string selfExecutable() {
+    std::error_code ec;
+    auto path = std::filesystem::read_symlink("/proc/self/exe", ec);
+    return ec ? std::string("tapwright") : path.string();
+}
+
+Supervisor::Supervisor(std::string executable, std::vector<std::string> commonArgs)
+    : executable_(std::move(executable)), commonArgs_(std::move(commonArgs)) {}
+
+Supervisor::~Supervisor() { stopAll(); }
+
+void Supervisor::addRole(const std::string& bundleId, std::vector<std::string> extraArgs) {
+    roles_.push_back(Role{bundleId, std::move(extraArgs)});
+}
+
+bool Supervisor::start(Role& role) {
+    std::vector<std::string> args = {executable_, "role", role.bundleId};
+    args.insert(args.end(), commonArgs_.begin(), commonArgs_.end());
+    args.insert(args.end(), role.extraArgs.begin(), role.extraArgs.end());
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+
+    const pid_t pid = fork();
+    if (pid < 0) {
+        std::fprintf(stderr, "tapwright: cannot start role %s: %s\n", role.bundleId.c_str(), std::strerror(errno));
+        return false;
+    }
+    if (pid == 0) {
+        // The role starts with default signal handling, whatever the supervisor blocks.
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        execv(argv[0], argv.data());
+        std::fprintf(stderr, "tapwright: cannot run %s: %s\n", argv[0], std::strerror(errno));
+        _exit(127);
+    }
+    role.pid = pid;
+    return true;
+}
+
+bool Supervisor::startAll() {
+    bool ok = true;
+    for (auto& role : roles_)
+        if (role.pid <= 0 && !role.givenUp) ok = start(role) && ok;
+    return ok;
+}
+
+std::vector<std::string> Supervisor::reap(bool restart) {
+    std::vector<std::string> exited;
+    for (auto& role : roles_) {
+        if (role.pid <= 0) continue;
+        int status = 0;
+        const pid_t r = waitpid(role.pid, &status, WNOHANG);
+        if (r != role.pid) continue;
+        role.pid = -1;
+        exited.push_back(role.bundleId);
+        if (!restart) continue;
+
+        const auto now = std::chrono::steady_clock::now();
+        role.deaths.push_back(now);
+        while (!role.deaths.empty() && now - role.deaths.front() > std::chrono::seconds(10)) role.deaths.pop_front();
+        if (role.deaths.size() >= 5) {
+            role.givenUp = true;
+            std::fprintf(stderr, "tapwright: role %s keeps dying; not restarting it\n", role.bundleId.c_str());
+            continue;
+        }
+        if (WIFSIGNALED(status))
+            std::fprintf(stderr, "tapwright: role %s was killed by signal %d; restarting it\n", role.bundleId.c_str(),
+                         WTERMSIG(status));
+        else
+            std::fprintf(stderr, "tapwright: role %s exited with status %d; restarting it\n", role.bundleId.c_str(),
+                         WEXITSTATUS(status));
+        start(role);
+    }
+    return exited;
+}
+
+void Supervisor::stopAll(std::chrono::milliseconds grace) {
+    for (auto& role : roles_)
+        if (role.pid > 0) kill(role.pid, SIGTERM);
+    const auto deadline = std::chrono::steady_clock::now() + grace;
+    for (auto& role : roles_) {
+        while (role.pid > 0) {
+            int status = 0;
+            const pid_t r = waitpid(role.pid, &status, WNOHANG);
+            if (r == role.pid || (r < 0 && errno == ECHILD)) {
+                role.pid = -1;
+                break;
+            }
+            if (std::chrono::steady_clock::now() >= deadline) {
+                kill(role.pid, SIGKILL);
+                waitpid(role.pid, &status, 0);
+                role.pid = -1;
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+}
+
+pid_t Supervisor::pidOf(const std::string& bundleId) const {
+    for (const auto& role : roles_)
+        if (role.bundleId == bundleId) return role.pid;
+    return -1;
+}
+
+bool Supervisor::allRunning() const {
+    for (const auto& role : roles_)
+        if (role.pid <= 0) return false;
+    return true;
+}
+
+}  // namespace tw::device
