@@ -30,3 +30,11 @@ function pressKey(key, holdMicroseconds)
     usleep(holdMicroseconds or 100000)
     keyUp(key)
 end
+
+-- Control types for dialog(controls, remember).
+DIALOG_CONTROL = {
+    LABEL = 1,   -- { type = DIALOG_CONTROL.LABEL, text = "..." }
+    INPUT = 2,   -- { type = DIALOG_CONTROL.INPUT, title = "...", key = "...", value = "default" }
+    PICKER = 3,  -- { type = DIALOG_CONTROL.PICKER, title = "...", key = "...", options = {"a", "b"}, value = "a" }
+    SWITCH = 4,  -- { type = DIALOG_CONTROL.SWITCH, title = "...", key = "...", value = true }
+}

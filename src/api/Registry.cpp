@@ -1,5 +1,7 @@
 #include "api/Registry.h"
 
+#include "api/DialogFunctions.h"
+#include "api/ScreenFunctions.h"
 #include "api/SystemFunctions.h"
 #include "api/TouchFunctions.h"
 
@@ -17,10 +19,32 @@ const std::vector<ScriptFunction>& scriptFunctions() {
         {"usleep", usleepProxy},
         {"alert", alertProxy},
         {"vibrate", vibrateProxy},
+        {"playAudio", playAudioProxy},
+        {"pauseAudio", pauseAudioProxy},
+        {"resumeAudio", resumeAudioProxy},
+        {"stopAudio", stopAudioProxy},
+        {"screenshot", screenshotProxy},
+        {"getScreenSize", getScreenSizeProxy},
+        {"getScreenScale", getScreenScaleProxy},
+        {"getScreenBitDepth", getScreenBitDepthProxy},
+        {"getColors", getColorsProxy},
+        {"findColors", findColorsProxy},
+        {"findImage", findImageProxy},
+        {"appRun", appRunProxy},
+        {"appKill", appKillProxy},
+        {"appState", appStateProxy},
+        {"getSN", getSNProxy},
+        {"getVersion", getVersionProxy},
+        {"copyText", copyTextProxy},
+        {"clipText", clipTextProxy},
         {"inputText", inputTextProxy},
+        {"fakeLocation", fakeLocationProxy},
+        {"clearFakeLocation", clearFakeLocationProxy},
         {"adaptResolution", adaptResolutionProxy},
         {"adaptOrientation", adaptOrientationProxy},
         {"getOrientation", getOrientationProxy},
+        {"dialog", dialogProxy},
+        {"clearDialogValues", clearDialogValuesProxy},
     };
     return functions;
 }

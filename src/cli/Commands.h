@@ -17,9 +17,13 @@ struct Command {
 };
 
 Command addPlayCommand(CLI::App& app, CommonOptions& common);
+Command addEncryptCommand(CLI::App& app, CommonOptions& common);
+Command addDecryptCommand(CLI::App& app, CommonOptions& common);
 Command addRoleCommand(CLI::App& app, CommonOptions& common);
 Command addDeviceCommand(CLI::App& app, CommonOptions& common);
 Command addEventsCommand(CLI::App& app, CommonOptions& common);
 Command addHardwareCommand(CLI::App& app, CommonOptions& common);
+Command addScreenCommand(CLI::App& app, CommonOptions& common);
+Command addLibraryCommand(CLI::App& app, CommonOptions& common);
 
 }  // namespace tw::cli

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "cli/Commands.h"
+#include "device/ImageFile.h"
 #include "platform/linux/ProfileDeviceInfo.h"
 
 namespace tw::cli {
@@ -21,6 +22,9 @@ bool waitForDevice(const std::string& root, const linuxp::DeviceProfile& profile
 
 // The app role a device starts: the first app of the profile ("" when it has none).
 std::string deviceAppBundleId(const linuxp::DeviceProfile& profile);
+
+// Shows `picture` on the display of the device on `root`; throws when the device has no display.
+void showPicture(const std::string& root, const device::Picture& picture);
 
 // Empties (or creates) a trace file so a new run starts it afresh.
 void startTraceFile(const std::string& path);

@@ -26,6 +26,7 @@ namespace {
 struct DeviceOptions {
     std::string profile = "default";
     std::string trace;
+    std::string screen;
 };
 
 void addDeviceOptions(CLI::App* sub, CommonOptions& common, DeviceOptions& options) {
@@ -40,6 +41,8 @@ void onStopSignal(int) { stopRequested = 1; }
 int runDevice(const CommonOptions& common, const DeviceOptions& options) {
     const std::string root = deviceRoot(common);
     const auto profile = linuxp::loadDeviceProfile(linuxp::profilePath(options.profile));
+    std::optional<device::Picture> picture;
+    if (!options.screen.empty()) picture = device::loadPicture(options.screen);
     if (deviceRunning(root)) {
         std::fprintf(stderr, "tapwright: a device already runs on %s\n", root.c_str());
         return 1;
@@ -66,7 +69,9 @@ int runDevice(const CommonOptions& common, const DeviceOptions& options) {
     sigaction(SIGTERM, &action, nullptr);
 
     if (!supervisor.startAll()) return 1;
-    if (waitForDevice(root, profile, app, std::chrono::seconds(10)))
+    const bool ready = waitForDevice(root, profile, app, std::chrono::seconds(10));
+    if (ready && picture) showPicture(root, *picture);
+    if (ready)
         std::fprintf(stderr, "tapwright: device '%s' ready on %s (Ctrl-C to shut it down)\n", profile.name.c_str(),
                      root.c_str());
     else
@@ -135,10 +140,13 @@ Command addDeviceCommand(CLI::App& app, CommonOptions& common) {
     auto options = std::make_shared<DeviceOptions>();
     auto* sub = app.add_subcommand("device", "Run the virtual device: the input-event, app and home-screen roles");
     sub->footer(
-        "Starts one process per role, restarts a role that dies, and shuts all of them down on Ctrl-C/SIGTERM.\n"
+        "Starts one process per role, restarts a role that crashes (a role ended on purpose, such as an app\n"
+        "killed by a script, stays down), and shuts all of them down, with the apps scripts launched, on\n"
+        "Ctrl-C/SIGTERM.\n"
         "`tapwright play` on the same root uses the running device.");
     addDeviceOptions(sub, common, *options);
     sub->add_option("--trace", options->trace, "Write the event trace (JSON Lines) to FILE, emptied first");
+    sub->add_option("--screen", options->screen, "Show this picture (BMP or PNG) on the display")->check(CLI::ExistingFile);
     return {sub, [&common, options] { return runDevice(common, *options); }};
 }
 

@@ -1,5 +1,6 @@
 // tapwright play: plays one script in the home-screen role, in the foreground.
 #include <csignal>
+#include <unistd.h>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +18,7 @@
 #include "device/Supervisor.h"
 #include "roles/RoleSelection.h"
 #include "core/Paths.h"
+#include "library/Encrypt.h"
 #include "library/FileManager.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "play/ScriptManager.h"
@@ -33,8 +35,12 @@ struct PlayOptions {
     int64_t repeat = 1;
     int64_t interval = 1;
     float speed = 1.0f;
+    std::string password;  // for an encrypted script (".e")
+    bool passwordGiven = false;
     std::string profile = "default";
     std::string trace;
+    std::string screen;
+    std::string answers;
 };
 
 // Copies a running device's events into a trace file while the play lasts, following the device's
@@ -114,12 +120,45 @@ std::string resolveScript(const std::string& script) {
     return "/" + name;
 }
 
+bool isEncryptedScript(const std::string& path) {
+    const std::string extension = fs::path(path).extension().string();
+    return extension == ".e" || extension == ".E";
+}
+
+// The text of the encrypted script at library path `path`, decrypted with the password given, else
+// with the one remembered for it (else the empty text). A password that works is remembered; a
+// remembered one that no longer works is forgotten, as the play controller does. Throws with one
+// line when the script cannot be decrypted.
+std::string decryptForPlay(const std::string& path, const PlayOptions& options) {
+    auto defaults = Platform::current().standardDefaults;
+    const std::string key = Encrypt::passwordKeyOf(path);
+    const std::string remembered = defaults ? defaults->stringForKey(key).value_or("") : "";
+    const std::string password = options.passwordGiven ? options.password : remembered;
+    std::string text;
+    const CryptError error = Encrypt::decryptScript(FileManager::fullPathOfFile(path), password, text);
+    if (error != CryptError::none) {
+        if (!options.passwordGiven && !remembered.empty() && defaults) defaults->removeObjectForKey(key);
+        std::string hint;
+        if (error == CryptError::hmacMismatch && !options.passwordGiven)
+            hint = remembered.empty() ? " (give it with --password)" : " (the remembered password was forgotten)";
+        throw std::runtime_error("cannot decrypt " + path + ": " + describeCryptError(error) + hint);
+    }
+    if (defaults) defaults->setString(key, password);
+    return text;
+}
+
 int play(const CommonOptions& common, const PlayOptions& options) {
     linuxp::ProcessSetup setup;
     setup.root = deviceRoot(common);
     setup.profile = linuxp::loadDeviceProfile(linuxp::profilePath(options.profile));
-    setup.ui = std::make_shared<ConsoleUserInterface>();
+    auto console = std::make_shared<ConsoleUserInterface>();
+    console->setInteractive(isatty(STDIN_FILENO) != 0);
+    if (!options.answers.empty()) console->loadAnswers(options.answers);
+    setup.ui = console;
     setup.sounds = std::make_shared<ConsoleSoundService>();
+
+    std::optional<device::Picture> picture;
+    if (!options.screen.empty()) picture = device::loadPicture(options.screen);
 
     // The input-event and app roles: the running device's, or ours for the length of the play.
     std::unique_ptr<device::Supervisor> helpers;
@@ -140,6 +179,8 @@ int play(const CommonOptions& common, const PlayOptions& options) {
         traceSubscription = std::make_unique<TraceSubscription>(setup.root, options.trace);
     }
 
+    if (picture) showPicture(setup.root, *picture);
+
     auto loop = linuxp::installProcess(setup);
 
     std::string error;
@@ -155,6 +196,10 @@ int play(const CommonOptions& common, const PlayOptions& options) {
     settings->playType = 0;
     settings->playNowOrLater = 0;
     settings->showPlayingFinishedAlert = true;
+    if (isEncryptedScript(settings->filePath)) {
+        settings->scriptContent = decryptForPlay(settings->filePath, options);
+        settings->playType = 1;
+    }
 
     std::mutex errorMutex;
     std::string scriptError;
@@ -221,6 +266,16 @@ Command addPlayCommand(CLI::App& app, CommonOptions& common) {
     sub->add_option("--profile", options->profile, "Device profile: a name in resources/devices or a JSON file")
         ->capture_default_str();
     sub->add_option("--trace", options->trace, "Write the device's events (JSON Lines) to FILE, emptied first");
+    sub->add_option("--password", options->password,
+                    "Password of an encrypted script (.e); remembered for it once it works, so later plays "
+                    "need it no more")
+        ->each([options](const std::string&) { options->passwordGiven = true; });
+    sub->add_option("--answers", options->answers,
+                    "Answer the script's dialogs from FILE: a JSON array, one object per dialog "
+                    "({\"key\": value, ...} or {\"cancel\": true})")
+        ->check(CLI::ExistingFile);
+    sub->add_option("--screen", options->screen, "Show this picture (BMP or PNG) on the device's display first")
+        ->check(CLI::ExistingFile);
     return {sub, [&common, options] { return play(common, *options); }};
 }
 

@@ -11,9 +11,13 @@ int main(int argc, char** argv) {
 
     const std::vector<tw::cli::Command> commands = {
         tw::cli::addPlayCommand(app, common),
+        tw::cli::addEncryptCommand(app, common),
+        tw::cli::addDecryptCommand(app, common),
         tw::cli::addDeviceCommand(app, common),
         tw::cli::addEventsCommand(app, common),
         tw::cli::addHardwareCommand(app, common),
+        tw::cli::addScreenCommand(app, common),
+        tw::cli::addLibraryCommand(app, common),
         tw::cli::addRoleCommand(app, common),
     };
 

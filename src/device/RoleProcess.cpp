@@ -6,9 +6,11 @@
 #include <memory>
 
 #include "core/Paths.h"
+#include "device/DeviceApps.h"
 #include "device/EventTrace.h"
 #include "device/HidHubClient.h"
 #include "device/TextField.h"
+#include "device/VirtualDisplay.h"
 #include "device/VirtualHidSystem.h"
 #include "injection/HidInjector.h"
 #include "injection/TextInput.h"
@@ -75,11 +77,18 @@ int runRole(const RoleOptions& options) {
 
     std::shared_ptr<VirtualHidSystem> hidSystem;
     std::shared_ptr<HidInjector> injector;
+    std::unique_ptr<Framebuffer> framebuffer;
     if (roles.inputEvent) {
         const ScreenPixels pixels{device.screenScale() * std::min(device.screenWidthPoints(), device.screenHeightPoints()),
                                   device.screenScale() * std::max(device.screenWidthPoints(), device.screenHeightPoints())};
-        hidSystem = std::make_shared<VirtualHidSystem>(*loop, run, pixels, options.traceFile);
         std::string error;
+        // The screen: kept as it was when the role comes back after a restart.
+        framebuffer = Framebuffer::create(run, static_cast<uint32_t>(pixels.width), static_cast<uint32_t>(pixels.height), &error);
+        if (!framebuffer) {
+            std::fprintf(stderr, "tapwright: input-event role cannot start: %s\n", error.c_str());
+            return 1;
+        }
+        hidSystem = std::make_shared<VirtualHidSystem>(*loop, run, pixels, options.traceFile);
         if (!hidSystem->start(&error)) {
             std::fprintf(stderr, "tapwright: input-event role cannot start: %s\n", error.c_str());
             return 1;
@@ -92,6 +101,11 @@ int runRole(const RoleOptions& options) {
             return 1;
         }
     }
+
+    // An app runs, for every process of the device, while its pid file names this process; it is
+    // marked before its keyboard listens, so a device that is ready sees its app running.
+    std::unique_ptr<RunningAppMarker> running;
+    if (isApp) running = std::make_unique<RunningAppMarker>(Paths::root(), options.bundleId);
 
     TextField field;
     TextTracePublisher publisher(run, options.bundleId);

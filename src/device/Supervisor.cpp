@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <thread>
 
+#include "device/DeviceApps.h"
+
 namespace tw::device {
 
 std::string selfExecutable() {
@@ -19,7 +21,10 @@ std::string selfExecutable() {
 }
 
 Supervisor::Supervisor(std::string executable, std::vector<std::string> commonArgs)
-    : executable_(std::move(executable)), commonArgs_(std::move(commonArgs)) {}
+    : executable_(std::move(executable)), commonArgs_(std::move(commonArgs)) {
+    for (size_t i = 0; i + 1 < commonArgs_.size(); ++i)
+        if (commonArgs_[i] == "--root") root_ = commonArgs_[i + 1];
+}
 
 Supervisor::~Supervisor() { stopAll(); }
 
@@ -71,6 +76,14 @@ std::vector<std::string> Supervisor::reap(bool restart) {
         exited.push_back(role.bundleId);
         if (!restart) continue;
 
+        const bool endedOnPurpose =
+            (WIFEXITED(status) && WEXITSTATUS(status) == 0) ||
+            (WIFSIGNALED(status) && (WTERMSIG(status) == SIGTERM || WTERMSIG(status) == SIGINT));
+        if (endedOnPurpose) {
+            std::fprintf(stderr, "tapwright: role %s ended; it stays down\n", role.bundleId.c_str());
+            continue;
+        }
+
         const auto now = std::chrono::steady_clock::now();
         role.deaths.push_back(now);
         while (!role.deaths.empty() && now - role.deaths.front() > std::chrono::seconds(10)) role.deaths.pop_front();
@@ -111,6 +124,7 @@ void Supervisor::stopAll(std::chrono::milliseconds grace) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
+    if (!root_.empty()) stopRunningApps(root_, grace);
 }
 
 pid_t Supervisor::pidOf(const std::string& bundleId) const {

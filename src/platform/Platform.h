@@ -2,11 +2,16 @@
 // The platform services of this process, installed at start-up (the CLI, a role, a test fixture).
 #include <memory>
 
+#include "platform/AppService.h"
+#include "platform/AudioPlayer.h"
+#include "platform/BundleInfo.h"
 #include "platform/Clock.h"
 #include "platform/DeviceInfo.h"
+#include "platform/Display.h"
 #include "platform/HidEventSystem.h"
 #include "platform/MessagePort.h"
 #include "platform/NotificationCenter.h"
+#include "platform/Pasteboard.h"
 #include "platform/UserDefaults.h"
 #include "platform/UserInterface.h"
 
@@ -19,10 +24,17 @@ struct Platform {
     std::shared_ptr<DeviceInfo> device;
     std::shared_ptr<UserInterface> ui;
     std::shared_ptr<SoundService> sounds;
+    // Makes the players of sound files (the one player slot of the script functions).
+    std::shared_ptr<AudioService> audio;
+    // The application registry, the general pasteboard and the installed bundles' information.
+    std::shared_ptr<AppService> apps;
+    std::shared_ptr<Pasteboard> pasteboard;
+    std::shared_ptr<BundleInfo> bundles;
     std::shared_ptr<Sleeper> sleeper;
     std::shared_ptr<DistributedNotificationCenter> notifications;
     // The device's input system; present in the input-event role only.
     std::shared_ptr<HidEventSystem> hidSystem;
+    std::shared_ptr<Display> display;
 
     static Platform& current();
     static void install(Platform platform);

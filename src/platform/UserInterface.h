@@ -1,7 +1,10 @@
 #pragma once
 // What the engine shows to the user and the sounds it plays. Calls come on the main run loop.
 #include <cstdint>
+#include <map>
+#include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace tw {
@@ -12,11 +15,42 @@ struct AlertRequest {
     std::vector<std::string> buttons;
 };
 
+// One control of a script's form.
+enum class DialogControlType { Label = 1, Input = 2, Picker = 3, Switch = 4 };
+
+struct DialogControl {
+    DialogControlType type = DialogControlType::Label;
+    std::string text;                  // a label's text
+    std::string title;                 // the other controls' caption
+    std::string key;                   // the answer's key
+    std::string value;                 // an input's text, a picker's chosen option
+    std::vector<std::string> options;  // a picker's options
+    bool on = false;                   // a switch's state
+};
+
+struct DialogRequest {
+    std::string scriptPath;  // the library path of the script that asks
+    std::vector<DialogControl> controls;
+    bool remember = false;   // the initial state of the form's "Remember" switch
+};
+
+// What the user answered: per key, the text of an input or picker, or the state of a switch.
+using DialogAnswer = std::variant<std::string, bool>;
+
+struct DialogResponse {
+    bool cancelled = false;
+    bool remember = false;
+    std::map<std::string, DialogAnswer> answers;
+};
+
 class UserInterface {
 public:
     virtual ~UserInterface() = default;
     // Shows an alert without a delegate: nothing waits for the button.
     virtual void showAlert(const AlertRequest& alert) = 0;
+    // Shows a form with "Cancel" and "Confirm" and waits for the user. Called on the main run
+    // loop; an interface that cannot ask anybody answers as "Cancel" would.
+    virtual DialogResponse showDialog(const DialogRequest& request) = 0;
 };
 
 class SoundService {

@@ -1,5 +1,7 @@
 #pragma once
 // How one script is to be played: repeat count, interval, speed, and how the play was started.
+// The first five fields are kept per script in the PLAY_SETTINGS table (store/DataManager.h); a
+// script without a row plays with the defaults below.
 #include <cstdint>
 #include <string>
 
@@ -15,6 +17,8 @@ struct PlaySettings {
     int32_t playType = 0;           // 0 play the file at filePath, 1 play scriptContent
     int32_t playNowOrLater = 0;     // 0 started at once, otherwise by a timer or a trigger
     bool showPlayingFinishedAlert = true;
+
+    bool operator==(const PlaySettings&) const = default;
 };
 
 }  // namespace tw

@@ -1,5 +1,10 @@
 #include "ui/ConsoleUserInterface.h"
 
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
 namespace tw {
 
 void ConsoleUserInterface::showAlert(const AlertRequest& alert) {
@@ -19,6 +24,136 @@ void ConsoleSoundService::playSystemSound(uint32_t soundId) {
     else
         std::fprintf(out_, "[sound %u]\n", soundId);
     std::fflush(out_);
+}
+
+}  // namespace tw
+
+namespace tw {
+
+DialogResponse dialogResponseFromJson(const DialogRequest& request, const std::string& text) {
+    const auto json = nlohmann::json::parse(text);
+    if (!json.is_object()) throw std::runtime_error("a dialog answer must be a JSON object");
+    DialogResponse response;
+    response.remember = json.value("remember", request.remember);
+    if (json.value("cancel", false)) {
+        response.cancelled = true;
+        return response;
+    }
+    for (const auto& control : request.controls) {
+        if (control.type == DialogControlType::Label) continue;
+        auto it = json.find(control.key);
+        if (control.type == DialogControlType::Switch) {
+            const bool on = it == json.end() ? control.on : it->is_boolean() ? it->get<bool>() : throw std::runtime_error("the answer for '" + control.key + "' must be true or false");
+            response.answers[control.key] = on;
+            continue;
+        }
+        std::string value = control.value;
+        if (it != json.end()) {
+            if (!it->is_string()) throw std::runtime_error("the answer for '" + control.key + "' must be a text");
+            value = it->get<std::string>();
+        }
+        if (control.type == DialogControlType::Picker && !control.options.empty()) {
+            bool known = false;
+            for (const auto& o : control.options) known = known || o == value;
+            if (!known) throw std::runtime_error("'" + value + "' is not an option of '" + control.key + "'");
+        }
+        response.answers[control.key] = value;
+    }
+    return response;
+}
+
+void ConsoleUserInterface::loadAnswers(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) throw std::runtime_error("cannot read the answers file " + path);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    nlohmann::json json;
+    try {
+        json = nlohmann::json::parse(text);
+    } catch (const std::exception& e) {
+        throw std::runtime_error("the answers file " + path + " is not JSON: " + e.what());
+    }
+    if (!json.is_array()) throw std::runtime_error("the answers file " + path + " must hold a JSON array of objects");
+    for (const auto& answer : json) {
+        if (!answer.is_object()) throw std::runtime_error("the answers file " + path + " must hold a JSON array of objects");
+        answers_.push_back(answer.dump());
+    }
+}
+
+DialogResponse ConsoleUserInterface::showDialog(const DialogRequest& request) {
+    if (!answers_.empty()) {
+        const std::string answer = answers_.front();
+        answers_.pop_front();
+        try {
+            return dialogResponseFromJson(request, answer);
+        } catch (const std::exception& e) {
+            std::fprintf(out_, "[dialog] bad answer (%s): cancelled\n", e.what());
+            return DialogResponse{true, false, {}};
+        }
+    }
+    if (interactive_) return ask(request);
+    std::fprintf(out_, "[dialog] no terminal and no answers left (tapwright play --answers FILE): cancelled\n");
+    std::fflush(out_);
+    return DialogResponse{true, false, {}};
+}
+
+namespace {
+
+std::string readLine(std::FILE* in) {
+    std::string line;
+    int c;
+    while ((c = std::fgetc(in)) != EOF && c != '\n') line.push_back(static_cast<char>(c));
+    return line;
+}
+
+}  // namespace
+
+DialogResponse ConsoleUserInterface::ask(const DialogRequest& request) {
+    DialogResponse response;
+    response.remember = request.remember;
+    std::fprintf(out_, "[dialog] (an empty answer keeps the value in brackets; \"cancel\" cancels)\n");
+    for (const auto& control : request.controls) {
+        if (control.type == DialogControlType::Label) {
+            std::fprintf(out_, "  %s\n", control.text.c_str());
+            continue;
+        }
+        for (;;) {
+            std::string shown = control.type == DialogControlType::Switch ? (control.on ? "on" : "off") : control.value;
+            if (control.type == DialogControlType::Picker) {
+                std::string list;
+                for (size_t i = 0; i < control.options.size(); ++i) list += (i ? ", " : "") + control.options[i];
+                std::fprintf(out_, "  %s (%s) [%s]: ", control.title.c_str(), list.c_str(), shown.c_str());
+            } else if (control.type == DialogControlType::Switch) {
+                std::fprintf(out_, "  %s (on/off) [%s]: ", control.title.c_str(), shown.c_str());
+            } else {
+                std::fprintf(out_, "  %s [%s]: ", control.title.c_str(), shown.c_str());
+            }
+            std::fflush(out_);
+            if (std::feof(in_)) return DialogResponse{true, false, {}};
+            const std::string line = readLine(in_);
+            if (line == "cancel") return DialogResponse{true, false, {}};
+            if (control.type == DialogControlType::Switch) {
+                if (line.empty()) response.answers[control.key] = control.on;
+                else if (line == "on" || line == "yes" || line == "1") response.answers[control.key] = true;
+                else if (line == "off" || line == "no" || line == "0") response.answers[control.key] = false;
+                else continue;
+                break;
+            }
+            const std::string value = line.empty() ? control.value : line;
+            if (control.type == DialogControlType::Picker && !control.options.empty()) {
+                bool known = false;
+                for (const auto& o : control.options) known = known || o == value;
+                if (!known) continue;
+            }
+            response.answers[control.key] = value;
+            break;
+        }
+    }
+    std::fprintf(out_, "  Remember these answers (on/off) [%s]: ", response.remember ? "on" : "off");
+    std::fflush(out_);
+    const std::string remember = readLine(in_);
+    if (remember == "on" || remember == "yes") response.remember = true;
+    if (remember == "off" || remember == "no") response.remember = false;
+    return response;
 }
 
 }  // namespace tw

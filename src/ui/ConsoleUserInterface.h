@@ -2,19 +2,38 @@
 // The command line's user interface: alerts are printed on standard error, sounds are named there
 // too when asked to be.
 #include <cstdio>
+#include <deque>
+#include <string>
 
 #include "platform/UserInterface.h"
 
 namespace tw {
 
+// Dialogs are answered from an answers file first (one JSON object per dialog, in order: the
+// answers by key, or {"cancel": true}), then by asking on the terminal; with neither, a dialog
+// is cancelled with a message.
 class ConsoleUserInterface : public UserInterface {
 public:
-    explicit ConsoleUserInterface(std::FILE* out = stderr) : out_(out) {}
+    explicit ConsoleUserInterface(std::FILE* out = stderr, std::FILE* in = stdin) : out_(out), in_(in) {}
     void showAlert(const AlertRequest& alert) override;
+    DialogResponse showDialog(const DialogRequest& request) override;
+
+    // Loads the answers file: a JSON array of objects. Throws std::runtime_error with the reason.
+    void loadAnswers(const std::string& path);
+    // Whether dialogs may be asked on the terminal (the input is a terminal).
+    void setInteractive(bool interactive) { interactive_ = interactive; }
 
 private:
+    DialogResponse ask(const DialogRequest& request);
+
     std::FILE* out_;
+    std::FILE* in_;
+    bool interactive_ = false;
+    std::deque<std::string> answers_;  // JSON texts, one per dialog
 };
+
+// The response for `request` given one answers object (JSON text); throws on a malformed one.
+DialogResponse dialogResponseFromJson(const DialogRequest& request, const std::string& json);
 
 class ConsoleSoundService : public SoundService {
 public:

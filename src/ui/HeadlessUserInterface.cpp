@@ -7,6 +7,25 @@ void HeadlessUserInterface::showAlert(const AlertRequest& alert) {
     alerts_.push_back(alert);
 }
 
+DialogResponse HeadlessUserInterface::showDialog(const DialogRequest& request) {
+    std::lock_guard lock(mutex_);
+    dialogs_.push_back(request);
+    if (responses_.empty()) return DialogResponse{true, false, {}};
+    DialogResponse response = std::move(responses_.front());
+    responses_.pop_front();
+    return response;
+}
+
+std::vector<DialogRequest> HeadlessUserInterface::dialogs() const {
+    std::lock_guard lock(mutex_);
+    return dialogs_;
+}
+
+void HeadlessUserInterface::queueDialogResponse(DialogResponse response) {
+    std::lock_guard lock(mutex_);
+    responses_.push_back(std::move(response));
+}
+
 std::vector<AlertRequest> HeadlessUserInterface::alerts() const {
     std::lock_guard lock(mutex_);
     return alerts_;
@@ -15,6 +34,8 @@ std::vector<AlertRequest> HeadlessUserInterface::alerts() const {
 void HeadlessUserInterface::clear() {
     std::lock_guard lock(mutex_);
     alerts_.clear();
+    dialogs_.clear();
+    responses_.clear();
 }
 
 void RecordingSoundService::playSystemSound(uint32_t soundId) {

@@ -195,6 +195,21 @@ TEST_F(ScriptRunnerTest, EveryRunSyncsWithTheInjectorAndTellsItTheScale) {
     EXPECT_EQ(messages[0].data, (Bytes{1, 0, 0, 0}));
 }
 
+TEST_F(ScriptRunnerTest, AFreshStateSeesAllThirtySixFunctionsAndTheStartUpNames) {
+    const std::string names =
+        "keyDown keyUp touchDown touchMove touchUp rootDir log usleep alert vibrate playAudio pauseAudio "
+        "resumeAudio stopAudio screenshot getScreenSize getScreenScale getScreenBitDepth getColors findColors "
+        "findImage appRun appKill appState getSN getVersion copyText clipText inputText fakeLocation "
+        "clearFakeLocation adaptResolution adaptOrientation getOrientation dialog clearDialogValues";
+    ASSERT_TRUE(playToEnd(textPlay("local n, missing = 0, {}\n"
+                                   "for name in ('" + names + "'):gmatch('%S+') do\n"
+                                   "  n = n + 1\n"
+                                   "  if type(_G[name]) ~= 'function' then missing[#missing + 1] = name end\n"
+                                   "end\n"
+                                   "log(n .. ' ' .. #missing .. ' ' .. table.concat(missing, ',') .. ' ' .. type(tap) .. ' ' .. type(KEY_TYPE))")));
+    EXPECT_EQ(logMessages(), std::vector<std::string>{"36 0  function table"});
+}
+
 TEST_F(ScriptRunnerTest, UnknownPlayTypeRunsNothing) {
     auto s = textPlay("log('no')");
     s->playType = 7;

@@ -1,12 +1,20 @@
 #include "platform/linux/LinuxPlatform.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
 #include "core/Paths.h"
 #include "core/Settings.h"
+#include "device/DeviceApps.h"
+#include "device/DeviceBundles.h"
+#include "device/DevicePasteboard.h"
+#include "device/DeviceSpeaker.h"
+#include "device/Supervisor.h"
+#include "device/VirtualDisplay.h"
 #include "platform/linux/PlistUserDefaults.h"
 #include "platform/linux/UnixMessagePorts.h"
+#include "roles/RoleSelection.h"
 
 namespace fs = std::filesystem;
 
@@ -79,8 +87,21 @@ std::shared_ptr<AsioRunLoop> installProcess(const ProcessSetup& setup) {
     platform.ports = std::make_shared<UnixMessagePortService>(Paths::resolve(std::string(kRunPath) + "/ports"));
     platform.standardDefaults = std::make_shared<PlistUserDefaults>(Paths::preferencesFile(settings::kHomeScreenDomain));
     platform.device = std::make_shared<ProfileDeviceInfo>(setup.profile, setup.bundleId);
+    platform.display = std::make_shared<device::VirtualDisplay>(Paths::runDir());
     platform.ui = setup.ui;
-    platform.sounds = setup.sounds;
+    // The device's speaker traces what it plays and passes system sounds on to the role's own.
+    auto publisher = std::make_shared<device::HubTracePublisher>(Paths::runDir());
+    auto speaker = std::make_shared<device::DeviceSpeaker>(
+        [publisher](const std::string& line) { publisher->publish(line); }, setup.sounds);
+    platform.sounds = speaker;
+    platform.audio = speaker;
+    platform.apps = std::make_shared<device::DeviceApps>(Paths::root(), setup.profile, device::selfExecutable());
+    platform.pasteboard = std::make_shared<device::DevicePasteboard>(Paths::root());
+    platform.bundles = std::make_shared<device::DeviceBundleInfo>(Paths::root());
+    // The home screen (a device's or a play's) installs the profile's app bundles.
+    std::string bundleError;
+    if (setup.bundleId == kHomeScreenBundleId && !device::writeAppBundles(Paths::root(), setup.profile, &bundleError))
+        std::fprintf(stderr, "tapwright: %s\n", bundleError.c_str());
     Platform::install(std::move(platform));
     return loop;
 }

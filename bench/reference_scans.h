@@ -1,0 +1,70 @@
+#pragma once
+// The two screen scans written out as plainly as they are described, one position and one pixel
+// at a time through color_at_location: the yardstick the fast scans of graphic.cpp are tested
+// against and timed against. Also an in-memory display for tests and benchmarks.
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "graphic/graphic.h"
+#include "graphic/region.h"
+#include "graphic/surface.h"
+#include "platform/Display.h"
+
+namespace tw::reference {
+
+// The scan of find_colors: rows outer, columns inner, coordinate floats stepping by 1 from the
+// search region's origin; every entry read and compared exactly; stop once `limit` >= 1 results.
+int find_colors_scan(std::vector<location_t>& results, const image_t& screen, const color_point_t* pattern, int32_t n,
+                     const region_t& search, int32_t limit);
+
+// The scan of find_image: integer positions from the truncated origin; template pixels row by
+// row, ignored colours skipped, a position rejected as soon as its mismatches pass the allowance.
+int do_find_image(std::vector<location_t>& results, const image_t& screen, const image_t& tmpl, coord_t x, coord_t y,
+                  coord_t width, coord_t height, int32_t limit, float fuzzy, const int32_t* ignoreColors,
+                  int32_t ignoreCount);
+
+// A display whose picture is a framebuffer in memory (rows top first, blue, green, red, alpha),
+// with rows padded to 64 bytes as the device's surfaces are. Rendering into a surface of the
+// same layout is one memcpy.
+class MemoryDisplay : public Display {
+public:
+    MemoryDisplay(uint32_t width, uint32_t height);
+
+    uint32_t width() const { return width_; }
+    uint32_t height() const { return height_; }
+    uint32_t bytesPerRow() const { return bytesPerRow_; }
+    uint8_t* pixels() { return pixels_.data(); }
+
+    // Sets a pixel's colour (0xRRGGBB) and alpha byte.
+    void setPixel(uint32_t x, uint32_t y, uint32_t rgb, uint8_t alpha = 0xFF);
+    uint32_t pixel(uint32_t x, uint32_t y) const;  // 0xRRGGBB
+    void fill(uint32_t rgb, uint8_t alpha = 0xFF);
+    // Every pixel a colour drawn from `palette` (or any 24-bit colour when it is empty), with a
+    // random alpha byte.
+    void fillRandom(uint32_t seed, const std::vector<uint32_t>& palette = {});
+
+    // Layers that openFramebufferLayer offers, by service name.
+    std::map<std::string, SurfaceGeometry> layers;
+    // Services asked for, in order.
+    std::vector<std::string> servicesAsked;
+    // When false, renderDisplay has no picture.
+    bool rendering = true;
+    int renders = 0;
+
+    bool renderDisplay(uint8_t* base, const SurfaceGeometry& geometry) override;
+    std::optional<SurfaceGeometry> openFramebufferLayer(const std::string& serviceClassName) override;
+
+private:
+    uint32_t width_, height_, bytesPerRow_;
+    std::vector<uint8_t> pixels_;
+};
+
+// An image of kind 1 over `pixels` (width * height, rows `bytesPerRow` apart) that owns a copy of
+// them plus `slack` zero bytes behind the last row.
+image_t makeTopDownImage(const uint8_t* pixels, uint32_t width, uint32_t height, uint32_t bytesPerRow,
+                         size_t slack = 0);
+
+}  // namespace tw::reference

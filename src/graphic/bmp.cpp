@@ -1,0 +1,254 @@
+#include "graphic/bmp.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <new>
+#include <vector>
+
+#include "library/FileManager.h"
+#include "platform/Platform.h"
+
+namespace tw {
+
+namespace {
+
+constexpr uint32_t kPixelsPerMetre = 2835;
+
+void put16(uint8_t* at, uint16_t value) {
+    at[0] = static_cast<uint8_t>(value);
+    at[1] = static_cast<uint8_t>(value >> 8);
+}
+
+void put32(uint8_t* at, uint32_t value) {
+    for (int i = 0; i < 4; ++i) at[i] = static_cast<uint8_t>(value >> (8 * i));
+}
+
+uint32_t get32(const uint8_t* at) {
+    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 | static_cast<uint32_t>(at[2]) << 16 |
+           static_cast<uint32_t>(at[3]) << 24;
+}
+
+void makeHeader(uint8_t header[kBmpHeaderSize], uint32_t width, uint32_t height) {
+    const uint32_t imageSize = width * height * 4;
+    std::memset(header, 0, kBmpHeaderSize);
+    header[0] = 'B';
+    header[1] = 'M';
+    put32(header + 2, kBmpHeaderSize + imageSize);
+    put32(header + 10, kBmpHeaderSize);
+    put32(header + 14, 40);
+    put32(header + 18, width);
+    put32(header + 22, height);
+    put16(header + 26, 1);
+    put16(header + 28, 32);
+    put32(header + 30, 0);
+    put32(header + 34, imageSize);
+    put32(header + 38, kPixelsPerMetre);
+    put32(header + 42, kPixelsPerMetre);
+}
+
+bool writeAll(int fd, const uint8_t* data, size_t size) {
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+// Copies bytes [from, to) of `source` to the current position of `fd`.
+bool copyRange(int source, int fd, uint64_t from, uint64_t to) {
+    std::vector<uint8_t> chunk(64 * 1024);
+    while (from < to) {
+        const size_t want = static_cast<size_t>(std::min<uint64_t>(chunk.size(), to - from));
+        const ssize_t got = ::pread(source, chunk.data(), want, static_cast<off_t>(from));
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        if (!writeAll(fd, chunk.data(), static_cast<size_t>(got))) return false;
+        from += static_cast<uint64_t>(got);
+    }
+    return true;
+}
+
+// Writes the picture to a temporary file beside `path`, followed by whatever an older, longer
+// file holds beyond the picture's end, and moves it over `path`, keeping the older file's
+// permissions. False, with `path` untouched, when any of that fails (an unwritable folder, a
+// path that is not a plain file).
+bool replaceFile(const std::string& path, const uint8_t* header, const uint8_t* pixels, size_t pixelBytes) {
+    struct stat old {};
+    const bool exists = ::lstat(path.c_str(), &old) == 0;
+    if (!exists && errno != ENOENT) return false;
+    if (exists && !S_ISREG(old.st_mode)) return false;
+
+    const size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (name.empty()) return false;
+    std::string temp = folder + (folder.back() == '/' ? "." : "/.") + name + ".XXXXXX";
+    const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
+    if (fd < 0) return false;
+
+    bool ok = ::fchmod(fd, exists ? (old.st_mode & 07777) : 0644) == 0;
+    ok = ok && writeAll(fd, header, kBmpHeaderSize) && (pixelBytes == 0 || writeAll(fd, pixels, pixelBytes));
+    const uint64_t newSize = kBmpHeaderSize + static_cast<uint64_t>(pixelBytes);
+    if (ok && exists && static_cast<uint64_t>(old.st_size) > newSize) {
+        const int source = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        ok = source >= 0 && copyRange(source, fd, newSize, static_cast<uint64_t>(old.st_size));
+        if (source >= 0) ::close(source);
+    }
+    if (::close(fd) != 0) ok = false;
+    if (ok && ::rename(temp.c_str(), path.c_str()) != 0) ok = false;
+    if (!ok) ::unlink(temp.c_str());
+    return ok;
+}
+
+// Float to integer by truncation toward zero, saturating instead of overflowing.
+int64_t truncate(double value) {
+    if (!(std::fabs(value) < 9.0e18)) return std::isnan(value) ? 0 : (value < 0 ? INT64_MIN / 2 : INT64_MAX / 2);
+    return static_cast<int64_t>(value);
+}
+
+}  // namespace
+
+int save_bmp(const char* path, const uint8_t* pixels, uint32_t width, uint32_t height) {
+    if (!path) {
+        graphic_trace("create image file failed");
+        return -1;
+    }
+    uint8_t header[kBmpHeaderSize];
+    makeHeader(header, width, height);
+    const size_t pixelBytes = pixels ? static_cast<size_t>(width) * height * 4 : 0;
+    if (replaceFile(path, header, pixels, pixelBytes)) return 0;
+
+    // Where the file cannot be replaced (a folder that takes no new files, a link), it is
+    // overwritten where it is.
+    const int fd = ::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        graphic_trace("create image file failed");
+        return -1;
+    }
+    writeAll(fd, header, kBmpHeaderSize);
+    if (pixelBytes) writeAll(fd, pixels, pixelBytes);
+    ::close(fd);
+    return 0;
+}
+
+std::unique_ptr<uint8_t[]> read_file(const char* path, size_t* size) {
+    if (size) *size = 0;
+    FILE* file = path ? std::fopen(path, "rb") : nullptr;
+    struct stat st {};
+    if (file && (::fstat(::fileno(file), &st) != 0 || !S_ISREG(st.st_mode))) {
+        std::fclose(file);
+        file = nullptr;
+    }
+    if (!file) {
+        std::fprintf(stderr, "Unable to open file %s\n", path ? path : "(null)");
+        return nullptr;
+    }
+    std::fseek(file, 0, SEEK_END);
+    const long length = std::ftell(file);
+    std::rewind(file);
+    std::unique_ptr<uint8_t[]> block(length >= 0 ? new (std::nothrow) uint8_t[static_cast<size_t>(length) + 1]
+                                                 : nullptr);
+    if (!block) {
+        std::fprintf(stderr, "Memory error!\n");
+        std::fclose(file);
+        return nullptr;
+    }
+    const size_t got = std::fread(block.get(), 1, static_cast<size_t>(length), file);
+    std::fclose(file);
+    if (size) *size = got;
+    return block;
+}
+
+int read_bmp(const char* path, image_t* out) {
+    *out = image_t{};
+    size_t size = 0;
+    auto block = read_file(path, &size);
+    if (!block || size < kBmpHeaderSize) return 0;
+    const auto width = static_cast<int32_t>(get32(block.get() + 18));
+    const auto height = static_cast<int32_t>(get32(block.get() + 22));
+    const uint32_t pixelOffset = get32(block.get() + 10);
+    if (width <= 0 || height <= 0 || pixelOffset > size) return 0;
+    if (static_cast<uint64_t>(width) * static_cast<uint64_t>(height) * 4 > size - kBmpHeaderSize) return 0;
+
+    std::shared_ptr<const uint8_t[]> buffer(block.release());
+    out->kind = kImageBottomRowFirst;
+    out->data = buffer.get() + kBmpHeaderSize;
+    out->buffer = std::move(buffer);
+    out->width = static_cast<uint32_t>(width);
+    out->height = static_cast<uint32_t>(height);
+    out->bytesPerPixel = 4;
+    out->bytesPerRow = out->width * 4;
+    std::memcpy(out->format, "BGRA", 4);
+    return 1;
+}
+
+std::optional<std::string> make_bmp_save_path(const char* path) {
+    if (!path) return std::nullopt;
+    std::string result(path);
+    if (const size_t dot = result.rfind('.'); dot != std::string::npos) result.resize(dot);
+    result += ".bmp";
+    return result;
+}
+
+int screenshot(const char* path, const region_t* region) {
+    surface_info_t info;
+    get_surface_info(&info);
+    region_t area{0, 0, static_cast<coord_t>(info.width), static_cast<coord_t>(info.height)};
+    if (region && !check_and_wash_region(region, &area)) return 0;
+
+    const auto surface = capture_surface();
+    if (!surface) return 0;
+    const uint8_t* base = surface->baseAddress();
+    const int64_t element = info.bytesPerElement;
+
+    // The rows go bottom row first. A fractional area is copied row for row as the truncated
+    // numbers say, each copy kept inside the capture and the buffer.
+    const int64_t pixelCount = std::max<int64_t>(0, truncate(area.width * area.height));
+    std::vector<uint8_t> buffer(static_cast<size_t>(pixelCount) * 4);
+    const auto bufferBytes = static_cast<int64_t>(buffer.size());
+    const int64_t areaX = truncate(area.x), areaY = truncate(area.y);
+    const int64_t areaWidth = truncate(area.width), areaHeight = truncate(area.height);
+    const int64_t rowBytes = truncate(area.width * static_cast<double>(element));
+    if (area.height > 0) {
+        for (int64_t i = 1;; ++i) {
+            const int64_t sourceRow = areaHeight + areaY - i;
+            const int64_t from = sourceRow * info.bytesPerRow + areaX * element;
+            const int64_t to = (i - 1) * areaWidth * element;
+            const int64_t bytes = std::min({rowBytes, static_cast<int64_t>(info.allocSize) - from, bufferBytes - to});
+            if (sourceRow >= 0 && from >= 0 && to >= 0 && bytes > 0) std::memcpy(buffer.data() + to, base + from, bytes);
+            if (!(static_cast<double>(i) < area.height)) break;
+        }
+    }
+
+    const auto savePath = make_bmp_save_path(path);
+    if (!savePath) return 0;
+    const auto width = static_cast<uint32_t>(std::max<int64_t>(0, std::min<int64_t>(areaWidth, UINT32_MAX)));
+    const auto height = static_cast<uint32_t>(std::max<int64_t>(0, std::min<int64_t>(areaHeight, UINT32_MAX)));
+    const bool written = save_bmp(savePath->c_str(), buffer.data(), width, height) == 0;
+    return written ? 1 : 0;
+}
+
+void takeCurrentScreenshot() {
+    if (const auto sounds = Platform::current().sounds) sounds->playSystemSound(kScreenshotSound);
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    char stamp[64];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    const std::string path = FileManager::rootPath() + "/" + stamp + ".bmp";
+    screenshot(path.c_str(), nullptr);
+}
+
+}  // namespace tw

@@ -1,0 +1,50 @@
+#pragma once
+// BMP files: the uncompressed 32-bit pictures screenshots are written as and templates are read
+// from (54 bytes of headers, then the rows bottom row first, four bytes a pixel: blue, green, red,
+// alpha), and the two screenshot operations.
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "graphic/region.h"
+#include "graphic/surface.h"
+
+namespace tw {
+
+inline constexpr uint32_t kBmpHeaderSize = 54;
+// The system sound played as a screenshot of the whole screen is taken.
+inline constexpr uint32_t kScreenshotSound = 1108;
+
+// Writes the headers and width * height * 4 bytes of `pixels` (rows bottom first) to `path`,
+// created with mode 0644 when missing. An older, longer file keeps its bytes beyond the new end.
+// The file is replaced in one step where the folder allows it, so no reader sees half a picture.
+// Returns 0, or -1 when the file cannot be opened ("create image file failed" in the trace).
+int save_bmp(const char* path, const uint8_t* pixels, uint32_t width, uint32_t height);
+
+// The whole file in a new block one byte longer than the file (the extra byte not set), its
+// length in `size`. nullptr when it cannot be opened ("Unable to open file <path>" on standard
+// error) or memory runs out ("Memory error!").
+std::unique_ptr<uint8_t[]> read_file(const char* path, size_t* size = nullptr);
+
+// Reads a BMP for matching into `out`: kind 2, the pixels from byte 54, width and height from
+// bytes 18 and 22, four bytes a pixel, "BGRA". The signature, bit depth and compression are not
+// looked at, but headers that do not fit the file (not positive sizes, more pixels than bytes, a
+// pixel offset past the end, under 54 bytes) are refused: 0 with `out` empty. 1 otherwise.
+int read_bmp(const char* path, image_t* out);
+
+// `path` with ".bmp" in place of everything from its last "." on (a dot in a folder name counts
+// too), or with ".bmp" added when it has none; nullopt for a null path.
+std::optional<std::string> make_bmp_save_path(const char* path);
+
+// Writes `region` (nullptr: the whole screen), clipped to the screen, of a new capture to `path`
+// with its extension made ".bmp". 1 when the file was written; 0 when the region is refused,
+// there is no capture or the file cannot be written.
+int screenshot(const char* path, const region_t* region);
+
+// Plays the screenshot sound and writes the whole screen to "<yyyy-MM-dd HH:mm:ss>.bmp" (local
+// time) in the script library.
+void takeCurrentScreenshot();
+
+}  // namespace tw

@@ -1,0 +1,35 @@
+#pragma once
+// The home screen's applications: launching one, looking one up in the application registry, and
+// ending its process.
+#include <optional>
+#include <string>
+
+namespace tw {
+
+// An application as the registry describes it.
+struct ApplicationRecord {
+    std::string bundleIdentifier;
+    // The process of the running application; 0 when it does not run.
+    int pid = 0;
+    // The platform's name of the application's activation state; scripts compare against it.
+    std::string activationState;
+};
+
+class AppService {
+public:
+    virtual ~AppService() = default;
+    // Asks the system to launch the application, in front unless `suspended`. False when the
+    // request was refused (an unknown application); callers may ignore it.
+    virtual bool launchApplication(const std::string& bundleIdentifier, bool suspended) = 0;
+    // Registry lookups: systems before 9.0 look applications up by display identifier, later ones
+    // by bundle identifier. Null for an application the registry does not know.
+    virtual std::optional<ApplicationRecord> applicationWithDisplayIdentifier(const std::string& identifier) = 0;
+    virtual std::optional<ApplicationRecord> applicationWithBundleIdentifier(const std::string& identifier) = 0;
+    // Sends the process signal `signal` to process `pid`.
+    virtual void sendSignal(int pid, int signal) = 0;
+};
+
+// The process signal that asks a process to end.
+inline constexpr int kTerminationSignal = 15;
+
+}  // namespace tw
