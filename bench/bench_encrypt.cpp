@@ -68,7 +68,8 @@ void BM_DecryptScript1MiBStreamed(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kScriptSize));
     fs::remove_all(dir);
 }
-BENCHMARK(BM_DecryptScript1MiBStreamed)->Unit(benchmark::kMillisecond);
+// The work happens on the cryptor's thread: wall time is what counts.
+BENCHMARK(BM_DecryptScript1MiBStreamed)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // A wrong password costs one derivation: the HMAC key is derived and checked before the other.
 void BM_RejectWrongPassword1MiB(benchmark::State& state) {
