@@ -24,6 +24,7 @@ Command addDeviceCommand(CLI::App& app, CommonOptions& common);
 Command addEventsCommand(CLI::App& app, CommonOptions& common);
 Command addHardwareCommand(CLI::App& app, CommonOptions& common);
 Command addScreenCommand(CLI::App& app, CommonOptions& common);
+Command addScreenshotCommand(CLI::App& app, CommonOptions& common);
 Command addLibraryCommand(CLI::App& app, CommonOptions& common);
 
 }  // namespace tw::cli

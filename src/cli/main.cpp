@@ -17,6 +17,7 @@ int main(int argc, char** argv) {
         tw::cli::addEventsCommand(app, common),
         tw::cli::addHardwareCommand(app, common),
         tw::cli::addScreenCommand(app, common),
+        tw::cli::addScreenshotCommand(app, common),
         tw::cli::addLibraryCommand(app, common),
         tw::cli::addRoleCommand(app, common),
     };

@@ -79,6 +79,17 @@ TEST(CliScreen, ScreenSetPaintsARunningDeviceAndScreenshotsReadItBack) {
     auto r = test::runProcess({TW_BINARY, "play", (work.path() / "probe.lua").string(), "--root", root.str()});
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.out, "C629C6\n");  // red 198, green 297 mod 256 = 41, blue 198
+    // The command line's screenshot is the script function's: a 32-bit BMP of the whole screen.
+    const std::string shot = (work.path() / "shot.bmp").string();
+    auto saved = test::runProcess({TW_BINARY, "screenshot", shot, "--root", root.str()});
+    ASSERT_EQ(saved.exitCode, 0) << saved.err;
+    const std::string bmp = test::readFile(shot);
+    ASSERT_EQ(bmp.size(), 54u + 750u * 1334u * 4u);
+    // Bottom row first: (99, 99) is in stored row 1334 - 1 - 99.
+    const size_t at = 54 + (1334 - 1 - 99) * 750 * 4 + 99 * 4;
+    EXPECT_EQ(static_cast<uint8_t>(bmp[at]), 0xC6);
+    EXPECT_EQ(static_cast<uint8_t>(bmp[at + 1]), 0x29);
+    EXPECT_EQ(static_cast<uint8_t>(bmp[at + 2]), 0xC6);
     auto bad = test::runProcess({TW_BINARY, "screen", "set", (work.path() / "probe.lua").string(), "--root", root.str()});
     EXPECT_NE(bad.exitCode, 0);
     EXPECT_NE(bad.err.find("neither a BMP nor a PNG"), std::string::npos) << bad.err;
