@@ -29,12 +29,9 @@ struct HardwareOptions {
 };
 
 bool sendHardwareLine(const std::string& root, const std::string& line) {
-    const std::string name = linuxp::abstractSocketName(device::hardwareSocketPath(device::runDir(root)));
     sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::memcpy(addr.sun_path + 1, name.data(), name.size());
+    const socklen_t len = linuxp::abstractSocketAddress(device::hardwareSocketPath(device::runDir(root)), addr);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const auto len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
     bool ok = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0;
     const std::string data = line + "\n";
     ok = ok && send(fd, data.data(), data.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(data.size());

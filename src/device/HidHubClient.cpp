@@ -27,12 +27,8 @@ constexpr time_t kSendTimeoutSeconds = 10;
 
 std::unique_ptr<HidHubClient> HidHubClient::connect(const std::string& runDir, std::string* error) {
     const std::string path = hubSocketPath(runDir);
-    const std::string name = linuxp::abstractSocketName(path);
     sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path + 1, name.data(), name.size());  // sun_path[0] stays NUL
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    const socklen_t length = linuxp::abstractSocketAddress(path, address);
 
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {

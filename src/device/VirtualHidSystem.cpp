@@ -65,16 +65,8 @@ bool nestingWithin(std::string_view text, int limit) {
 
 // Binds a listening stream socket at the abstract address for `path`; -1 and errno on failure.
 int listenAt(const std::string& path) {
-    const std::string name = linuxp::abstractSocketName(path);
     sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    if (name.size() + 1 > sizeof address.sun_path) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    std::memcpy(address.sun_path + 1, name.data(), name.size());  // sun_path[0] stays NUL
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    const socklen_t length = linuxp::abstractSocketAddress(path, address);
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return -1;
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 || ::listen(fd, SOMAXCONN) != 0) {

@@ -19,13 +19,9 @@ namespace {
 namespace fs = std::filesystem;
 
 int connectAbstract(const std::string& path, int type) {
-    const std::string name = linuxp::abstractSocketName(path);
     sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    addr.sun_path[0] = '\0';
-    std::memcpy(addr.sun_path + 1, name.data(), name.size());
+    const socklen_t len = linuxp::abstractSocketAddress(path, addr);
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    const auto len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
     if (connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
         close(fd);
         return -1;

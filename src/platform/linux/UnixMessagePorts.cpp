@@ -59,6 +59,14 @@ socklen_t makeAddress(const std::string& name, sockaddr_un& address) {
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
 }
 
+}  // namespace
+
+socklen_t abstractSocketAddress(const std::string& path, sockaddr_un& address) {
+    return makeAddress(abstractSocketName(path), address);
+}
+
+namespace {
+
 std::string socketNameFor(const std::string& portsDir, const std::string& name) {
     return abstractSocketName(portsDir + "/" + name);
 }

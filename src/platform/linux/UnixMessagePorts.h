@@ -10,6 +10,9 @@
 //   reply:   u32 bodyLength | u32 sequence | u8 flags | payload      (flags bit 1 as above)
 // bodyLength counts everything after itself and is at most kMaxFrameBody; a longer or shorter
 // frame closes that connection without touching the port or its other clients.
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -23,6 +26,10 @@ inline constexpr size_t kMaxFrameBody = 16 * 1024 * 1024;
 // The abstract socket address (without the leading NUL) used for a socket whose path would be
 // `path`; stable for the same path in every process.
 std::string abstractSocketName(const std::string& path);
+
+// Fills `address` with the abstract-namespace address of `path` (through abstractSocketName) and
+// returns the address length to pass to bind/connect/sendto.
+socklen_t abstractSocketAddress(const std::string& path, sockaddr_un& address);
 
 class UnixMessagePortService : public MessagePortService {
 public:

@@ -83,12 +83,6 @@ bool isMarkerName(std::string_view file) {
     return true;
 }
 
-socklen_t makeAddress(const std::string& name, sockaddr_un& address) {
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path + 1, name.data(), name.size());  // sun_path[0] stays NUL
-    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-}
 
 std::string normalizedDir(std::string dir) {
     // Every process must derive the same socket address from a marker, so the folder is spelled
@@ -297,7 +291,7 @@ uint64_t UnixNotificationCenter::addObserver(const std::string& name, Observer o
     const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return 0;
     sockaddr_un address;
-    const socklen_t length = makeAddress(abstractSocketName(marker), address);
+    const socklen_t length = abstractSocketAddress(marker, address);
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
         ::close(fd);
         return 0;
@@ -369,7 +363,7 @@ void UnixNotificationCenter::postNotification(const std::string& name, const Not
             return;
         }
         sockaddr_un address;
-        const socklen_t length = makeAddress(abstractSocketName(marker), address);
+        const socklen_t length = abstractSocketAddress(marker, address);
         ssize_t sent;
         do {
             sent = ::sendto(fd, payload.data(), payload.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
