@@ -20,7 +20,9 @@ configure: deps $(BUILD)/build.ninja
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
-run: build
+# Builds only what it runs: the engine and the tapwright executable.
+run: configure
+	cmake --build $(BUILD) -j $(JOBS) --target tapwright
 	./$(BUILD)/tapwright play examples/hello.lua $(ARGS)
 
 $(ASAN_BUILD)/build.ninja: | deps

@@ -22,7 +22,7 @@
 #include "graphic/surface.h"
 #include "platform/Platform.h"
 #include "platform/linux/ProfileDeviceInfo.h"
-#include "reference_scans.h"
+#include "ReferenceScans.h"
 
 namespace {
 

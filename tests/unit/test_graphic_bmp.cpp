@@ -19,7 +19,7 @@
 #include "library/FileManager.h"
 #include "platform/Platform.h"
 #include "platform/linux/ProfileDeviceInfo.h"
-#include "reference_scans.h"
+#include "ReferenceScans.h"
 
 namespace fs = std::filesystem;
 

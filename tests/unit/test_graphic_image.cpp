@@ -21,7 +21,7 @@
 #include "graphic/surface.h"
 #include "platform/Platform.h"
 #include "platform/linux/ProfileDeviceInfo.h"
-#include "reference_scans.h"
+#include "ReferenceScans.h"
 
 namespace tw {
 namespace {

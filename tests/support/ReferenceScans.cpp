@@ -1,4 +1,4 @@
-#include "reference_scans.h"
+#include "ReferenceScans.h"
 
 #include <cstring>
 #include <random>
