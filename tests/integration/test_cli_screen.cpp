@@ -72,7 +72,7 @@ TEST(CliScreen, ScreenSetPaintsARunningDeviceAndScreenshotsReadItBack) {
     test::TempDir work("tw-screen");
     test::writeFile(work.path() / "screen.bmp", pictureBmp());
     test::BackgroundProcess device({TW_BINARY, "device", "--root", root.str()});
-    ASSERT_TRUE(test::waitFor([&] { return device.err().find("ready") != std::string::npos; }, 10000)) << device.err();
+    ASSERT_TRUE(test::eventually([&] { return device.err().find("ready") != std::string::npos; }, 10000)) << device.err();
     auto set = test::runProcess({TW_BINARY, "screen", "set", (work.path() / "screen.bmp").string(), "--root", root.str()});
     ASSERT_EQ(set.exitCode, 0) << set.err;
     test::writeFile(work.path() / "probe.lua", "local c = getColors({{99, 99}}) print(string.format('%06X', c[1]))");

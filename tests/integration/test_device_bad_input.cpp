@@ -59,7 +59,7 @@ TEST(DeviceBadInput, RandomBytesOnEverySocketAreDroppedAndTheDeviceStillAnswers)
     test::TempDir work("tw-fuzz");
     const fs::path trace = work.path() / "trace.jsonl";
     test::BackgroundProcess device({TW_BINARY, "device", "--root", root.str(), "--trace", trace.string()});
-    ASSERT_TRUE(test::waitFor([&] { return device.err().find("ready") != std::string::npos; }, 10000)) << device.err();
+    ASSERT_TRUE(test::eventually([&] { return device.err().find("ready") != std::string::npos; }, 10000)) << device.err();
     const std::string run = fs::canonical(root.path()).string() + "/run";
 
     std::mt19937 rng(20261122);

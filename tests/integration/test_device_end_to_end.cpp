@@ -119,7 +119,7 @@ TEST_F(DeviceEndToEnd, InputTextReachesTheFocusedFieldOfTheApp) {
 TEST_F(DeviceEndToEnd, ARunningDeviceIsUsedAndSurvivesTheDeathOfItsInputEventRole) {
     const fs::path deviceTrace = scripts.path() / "device.jsonl";
     test::BackgroundProcess device({TW_BINARY, "device", "--root", root.str(), "--trace", deviceTrace.string()});
-    ASSERT_TRUE(test::waitFor([&] { return device.err().find("ready") != std::string::npos; }, 10000)) << device.err();
+    ASSERT_TRUE(test::eventually([&] { return device.err().find("ready") != std::string::npos; }, 10000)) << device.err();
     auto roles = test::findProcesses({"role", "com.apple.backboardd", root.str()});
     ASSERT_EQ(roles.size(), 1u);
 
@@ -149,7 +149,7 @@ TEST_F(DeviceEndToEnd, ARunningDeviceIsUsedAndSurvivesTheDeathOfItsInputEventRol
 TEST_F(DeviceEndToEnd, ARealTouchMakesTheInjectorForgetTheScriptsHeldFingers) {
     const fs::path deviceTrace = scripts.path() / "device.jsonl";
     test::BackgroundProcess device({TW_BINARY, "device", "--root", root.str(), "--trace", deviceTrace.string()});
-    ASSERT_TRUE(test::waitFor([&] { return device.err().find("ready") != std::string::npos; }, 10000)) << device.err();
+    ASSERT_TRUE(test::eventually([&] { return device.err().find("ready") != std::string::npos; }, 10000)) << device.err();
     const std::string hardware = std::string(TW_BINARY) + " hardware touch %s 7 300 600 --root " + root.str();
     char down[512], up[512];
     std::snprintf(down, sizeof down, hardware.c_str(), "down");

@@ -87,7 +87,7 @@ TEST_F(SystemFunctionsCli, AppsLaunchedDuringAPlayEndWithThePlaysRoles) {
 
 TEST_F(SystemFunctionsCli, ARunningDeviceKeepsAKilledAppDownAndEndsLaunchedAppsOnShutdown) {
     test::BackgroundProcess device({TW_BINARY, "device", "--root", root.str()});
-    ASSERT_TRUE(test::waitFor([&] { return device.err().find("ready") != std::string::npos; }, 10000)) << device.err();
+    ASSERT_TRUE(test::eventually([&] { return device.err().find("ready") != std::string::npos; }, 10000)) << device.err();
     const auto notes = roleProcesses(kNotes);
     ASSERT_EQ(notes.size(), 1u);
 
@@ -97,7 +97,7 @@ TEST_F(SystemFunctionsCli, ARunningDeviceKeepsAKilledAppDownAndEndsLaunchedAppsO
                        "print(appState('" + kNotes + "'))");
     ASSERT_EQ(killed.exitCode, 0) << killed.err;
     EXPECT_EQ(killed.out, "not running\n");
-    ASSERT_TRUE(test::waitFor([&] { return device.err().find("ended; it stays down") != std::string::npos; }, 5000))
+    ASSERT_TRUE(test::eventually([&] { return device.err().find("ended; it stays down") != std::string::npos; }, 5000))
         << device.err();
     usleep(300000);  // several rounds of the supervisor
     EXPECT_TRUE(roleProcesses(kNotes).empty());

@@ -177,11 +177,11 @@ std::vector<pid_t> findProcesses(const std::vector<std::string>& parts) {
     return pids;
 }
 
-bool waitFor(const std::function<bool()>& done, int timeoutMs) {
+bool eventually(const std::function<bool()>& condition, int timeoutMs) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
+    while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
 }

@@ -70,7 +70,8 @@ private:
 // Pids of processes whose command line holds every one of `parts`.
 std::vector<pid_t> findProcesses(const std::vector<std::string>& parts);
 
-// Polls `done` every 20 ms until it is true or `timeoutMs` passed.
-bool waitFor(const std::function<bool()>& done, int timeoutMs);
+// Polls `condition` every 2 ms until it holds or `timeoutMs` passed; returns whether it held.
+// The time-out is a bound for a slow machine, never the expected wait.
+bool eventually(const std::function<bool()>& condition, int timeoutMs = 5000);
 
 }  // namespace tw::test

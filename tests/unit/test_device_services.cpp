@@ -118,7 +118,7 @@ TEST(ProcessStartTime, CountsLiveProcessesOnlyNotZombiesOrTheReaped) {
     if (child == 0) _exit(0);
     ASSERT_GT(child, 0);
     // Unreaped, the child is a zombie: it does not run any more.
-    ASSERT_TRUE(test::waitFor([&] {
+    ASSERT_TRUE(test::eventually([&] {
         const std::string stat = test::readFile("/proc/" + std::to_string(child) + "/stat");
         const size_t close = stat.rfind(')');
         return close != std::string::npos && stat.compare(close + 2, 1, "Z") == 0;
@@ -157,7 +157,7 @@ TEST_F(DeviceAppsTest, ALaunchedAppRunsDetachedAndEveryInstanceSeesIt) {
 
     // It was started as the app's role on this root, with the profile written beside the pid files.
     const fs::path argsFile = tools.path() / "me.tapwright.demo.notes.args";
-    ASSERT_TRUE(test::waitFor([&] { return fs::exists(argsFile); }, 5000));
+    ASSERT_TRUE(test::eventually([&] { return fs::exists(argsFile); }, 5000));
     const std::string profileFile = root.str() + "/run/apps/profile.json";
     EXPECT_EQ(test::readFile(argsFile),
               "role me.tapwright.demo.notes --root " + root.str() + " --profile " + profileFile + "\n");
@@ -172,7 +172,7 @@ TEST_F(DeviceAppsTest, ALaunchedAppRunsDetachedAndEveryInstanceSeesIt) {
     EXPECT_EQ(device::runningAppPid(root.str(), "me.tapwright.demo.notes"), notes->pid);
 
     apps.sendSignal(notes->pid, SIGTERM);
-    EXPECT_TRUE(test::waitFor(
+    EXPECT_TRUE(test::eventually(
         [&] { return apps.applicationWithBundleIdentifier("me.tapwright.demo.notes")->activationState == "not running"; },
         5000));
     EXPECT_EQ(apps.applicationWithBundleIdentifier("me.tapwright.demo.notes")->pid, 0);
@@ -181,11 +181,11 @@ TEST_F(DeviceAppsTest, ALaunchedAppRunsDetachedAndEveryInstanceSeesIt) {
 TEST_F(DeviceAppsTest, AnAppWhoseProcessCannotRunIsNotRunning) {
     device::DeviceApps apps(root.str(), appProfile(), executable);
     apps.launchApplication("com.example.broken", false);
-    EXPECT_TRUE(test::waitFor([&] { return device::runningAppPid(root.str(), "com.example.broken") == 0; }, 5000));
+    EXPECT_TRUE(test::eventually([&] { return device::runningAppPid(root.str(), "com.example.broken") == 0; }, 5000));
 
     device::DeviceApps missing(root.str(), appProfile(), (tools.path() / "no-such-program").string());
     missing.launchApplication("me.tapwright.demo.notes", false);
-    EXPECT_TRUE(test::waitFor([&] { return device::runningAppPid(root.str(), "me.tapwright.demo.notes") == 0; }, 5000));
+    EXPECT_TRUE(test::eventually([&] { return device::runningAppPid(root.str(), "me.tapwright.demo.notes") == 0; }, 5000));
 }
 
 TEST_F(DeviceAppsTest, APidFileCountsOnlyWhileItsProcessLives) {
@@ -223,7 +223,7 @@ TEST_F(DeviceAppsTest, StoppingTheAppsEndsEveryRunningAppAndClearsThePidFiles) {
     device::DeviceApps apps(root.str(), appProfile(), executable);
     ASSERT_TRUE(apps.launchApplication("me.tapwright.demo.notes", false));
     ASSERT_TRUE(apps.launchApplication("com.example.stubborn", false));
-    ASSERT_TRUE(test::waitFor([&] { return fs::exists(tools.path() / "com.example.stubborn.args"); }, 5000));
+    ASSERT_TRUE(test::eventually([&] { return fs::exists(tools.path() / "com.example.stubborn.args"); }, 5000));
     std::this_thread::sleep_for(100ms);  // let the stubborn one set its trap
     const int stubborn = device::runningAppPid(root.str(), "com.example.stubborn");
     ASSERT_GT(stubborn, 0);
@@ -291,13 +291,13 @@ TEST(SupervisorRestarts, OnlyRolesThatDiedAbnormally) {
     ASSERT_TRUE(supervisor.startAll());
 
     std::set<std::string> exited;
-    ASSERT_TRUE(test::waitFor([&] {
+    ASSERT_TRUE(test::eventually([&] {
         for (const auto& id : supervisor.reap(true)) exited.insert(id);
         return exited.size() == roles.size();
     }, 10000));
     auto starts = [&](const std::string& role) { return lines(test::readFile(dir.path() / (role + ".starts"))).size(); };
     // The failing and the crashing role come back; the others ended on purpose and stay down.
-    EXPECT_TRUE(test::waitFor([&] { return starts("failing") >= 2 && starts("crashing") >= 2; }, 5000));
+    EXPECT_TRUE(test::eventually([&] { return starts("failing") >= 2 && starts("crashing") >= 2; }, 5000));
     for (const char* down : {"clean", "terminated", "interrupted"}) {
         EXPECT_EQ(starts(down), 1u) << down;
         EXPECT_EQ(supervisor.pidOf(down), -1) << down;
@@ -582,7 +582,7 @@ TEST(HubTracePublisher, PutsLinesIntoTheDevicesTraceAndFollowsItsRestart) {
 
         device::DeviceSpeaker speaker([&](const std::string& line) { publisher.publish(line); });
         speaker.playSystemSound(4095);
-        EXPECT_TRUE(test::waitFor([&] { return !test::readFile(tracePath).empty(); }, 5000)) << generation;
+        EXPECT_TRUE(test::eventually([&] { return !test::readFile(tracePath).empty(); }, 5000)) << generation;
 
         loop->stop();
         thread.join();
