@@ -16,10 +16,10 @@
 
 #include <unistd.h>
 
-#include "graphic/bmp.h"
-#include "graphic/graphic.h"
-#include "graphic/region.h"
-#include "graphic/surface.h"
+#include "graphic/Bmp.h"
+#include "graphic/Graphic.h"
+#include "graphic/Region.h"
+#include "graphic/Surface.h"
 #include "platform/Platform.h"
 #include "platform/linux/ProfileDeviceInfo.h"
 #include "ReferenceScans.h"

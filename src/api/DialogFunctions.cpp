@@ -3,8 +3,10 @@
 #include <set>
 
 #include "core/Global.h"
+#include "store/PlaySettings.h"
 #include "library/FileManager.h"
 #include "platform/Platform.h"
+#include "platform/UserInterface.h"
 #include "platform/RunLoop.h"
 #include "play/ScriptManager.h"
 

@@ -5,10 +5,11 @@
 #include <vector>
 
 #include "core/Paths.h"
-#include "graphic/bmp.h"
-#include "graphic/graphic.h"
-#include "graphic/region.h"
-#include "graphic/surface.h"
+#include "graphic/Bmp.h"
+#include "graphic/Graphic.h"
+#include "graphic/Region.h"
+#include "graphic/Surface.h"
+#include "platform/DeviceInfo.h"
 #include "platform/Platform.h"
 
 namespace tw {

@@ -4,11 +4,17 @@
 #include <memory>
 #include <mutex>
 
+#include "core/Alert.h"
 #include "core/LogToFile.h"
 #include "core/Paths.h"
 #include "core/TWLocationClient.h"
+#include "platform/AppService.h"
+#include "platform/AudioPlayer.h"
+#include "platform/BundleInfo.h"
+#include "platform/DeviceInfo.h"
+#include "platform/Pasteboard.h"
 #include "platform/Platform.h"
-#include "platform/RunLoop.h"
+#include "platform/UserInterface.h"
 
 namespace tw {
 
@@ -45,13 +51,6 @@ void pushOptionalString(lua_State* L, const std::optional<std::string>& text) {
 
 }  // namespace
 
-void showScriptAlert(const std::string& message) {
-    auto ui = Platform::current().ui;
-    if (!ui) return;
-    AlertRequest alert{"", message, {"OK"}};
-    RunLoop::main().post([ui, alert = std::move(alert)] { ui->showAlert(alert); });
-}
-
 void releaseAudioPlayer() {
     std::unique_ptr<AudioPlayer> released;
     std::lock_guard lock(audioSlot().mutex);
@@ -73,7 +72,7 @@ int logProxy(lua_State* L) {
 
 int alertProxy(lua_State* L) {
     const char* text = luaL_checklstring(L, 1, nullptr);
-    showScriptAlert(text);
+    showPlainAlert(text);
     return 0;
 }
 

@@ -30,10 +30,6 @@ int clipTextProxy(lua_State* L);
 int fakeLocationProxy(lua_State* L);
 int clearFakeLocationProxy(lua_State* L);
 
-// Shows `message` in an alert with no title and the one button "OK", on the main run loop,
-// without waiting. The alert keeps its own copy of the text.
-void showScriptAlert(const std::string& message);
-
 // Empties the process-wide audio player slot, releasing (and so silencing) its player. For the end
 // of a process and for tests; scripts use stopAudio().
 void releaseAudioPlayer();

@@ -4,8 +4,10 @@
 #include <limits>
 
 #include "core/Global.h"
+#include "store/PlaySettings.h"
 #include "injection/EventSimulate.h"
 #include "injection/records/KeyRecord.h"
+#include "platform/DeviceInfo.h"
 #include "platform/Platform.h"
 #include "play/ScriptManager.h"
 

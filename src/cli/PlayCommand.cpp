@@ -9,9 +9,12 @@
 
 #include <thread>
 
+#include "api/Registry.h"
 #include "cli/Commands.h"
+#include "play/LuaBridge.h"
 #include "cli/DeviceAccess.h"
 #include "core/Global.h"
+#include "store/PlaySettings.h"
 #include "device/EventTrace.h"
 #include "device/HidHubClient.h"
 #include "device/RoleProcess.h"
@@ -20,6 +23,7 @@
 #include "core/Paths.h"
 #include "library/Encrypt.h"
 #include "library/FileManager.h"
+#include "platform/UserDefaults.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "play/ScriptManager.h"
 #include "ui/ConsoleUserInterface.h"
@@ -182,6 +186,7 @@ int play(const CommonOptions& common, const PlayOptions& options) {
     if (picture) showPicture(setup.root, *picture);
 
     auto loop = linuxp::installProcess(setup);
+    LuaBridge::setFunctionRegistrar(registerFunctions);
 
     std::string error;
     if (!linuxp::installAppResources(setup.root, &error)) throw std::runtime_error(error);

@@ -7,7 +7,7 @@
 #include "device/ImageFile.h"
 #include "device/RoleProcess.h"
 #include "device/VirtualDisplay.h"
-#include "graphic/bmp.h"
+#include "graphic/Bmp.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "ui/ConsoleUserInterface.h"
 

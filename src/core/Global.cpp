@@ -1,6 +1,5 @@
 #include "core/Global.h"
 
-#include "play/LuaBridge.h"
 
 namespace tw {
 

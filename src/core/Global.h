@@ -8,11 +8,10 @@
 #include <mutex>
 #include <vector>
 
-#include "store/PlaySettings.h"
-
 namespace tw {
 
 class LuaBridge;
+struct PlaySettings;
 
 class Global {
 public:

@@ -2,6 +2,7 @@
 
 #include "core/Settings.h"
 #include "platform/Platform.h"
+#include "platform/UserDefaults.h"
 
 namespace tw {
 

@@ -14,7 +14,7 @@
 #include <sstream>
 #include <thread>
 
-#include "device/AtomicFile.h"
+#include "core/AtomicFile.h"
 
 namespace fs = std::filesystem;
 
@@ -47,24 +47,6 @@ std::string pidFileText(int pid, uint64_t startTime) {
 
 // Holds an exclusive lock on a file for its lifetime, so that two processes launching the same app
 // at once start it only once.
-class FileLock {
-public:
-    explicit FileLock(const std::string& path) {
-        fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-        if (fd_ < 0) return;
-        while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
-        }
-    }
-    ~FileLock() {
-        if (fd_ >= 0) ::close(fd_);  // closing releases the lock
-    }
-    FileLock(const FileLock&) = delete;
-    FileLock& operator=(const FileLock&) = delete;
-
-private:
-    int fd_ = -1;
-};
-
 void closeDescriptorsFrom(int first) {
 #ifdef SYS_close_range
     if (::syscall(SYS_close_range, static_cast<unsigned>(first), ~0U, 0) == 0) return;
@@ -189,6 +171,8 @@ RunningAppMarker::RunningAppMarker(const std::string& root, const std::string& b
         path_.clear();
         return;
     }
+    std::error_code ec;
+    fs::create_directories(fs::path(path_).parent_path(), ec);
     writeFileAtomically(path_, pidFileText(static_cast<int>(::getpid()), *start));
 }
 
@@ -310,6 +294,16 @@ std::optional<ApplicationRecord> DeviceApps::applicationWithBundleIdentifier(con
 void DeviceApps::sendSignal(int pid, int signal) {
     if (pid < 1) return;
     ::kill(pid, signal);
+}
+
+std::vector<AppRecord> DeviceApps::installedApps() {
+    std::vector<AppRecord> apps;
+    for (const auto& app : profile_.apps)
+        apps.push_back({{"CFBundleIdentifier", app.bundleId},
+                        {"CFBundleDisplayName", app.name},
+                        {"CFBundleVersion", app.version},
+                        {"ApplicationType", "User"}});
+    return apps;
 }
 
 }  // namespace tw::device

@@ -75,6 +75,8 @@ public:
     std::optional<ApplicationRecord> applicationWithBundleIdentifier(const std::string& identifier) override;
     // kill(2); a pid below 1 (which would name a process group) is ignored.
     void sendSignal(int pid, int signal) override;
+    // The profile's apps, all of them user applications.
+    std::vector<AppRecord> installedApps() override;
 
 private:
     bool isProfileApp(const std::string& bundleId) const;

@@ -1,44 +1,18 @@
 #include "device/DeviceBundles.h"
 
-#include <plist/plist.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <set>
 
-#include "device/AtomicFile.h"
+#include "core/AtomicFile.h"
+#include "core/Plist.h"
 
 namespace fs = std::filesystem;
 
 namespace tw::device {
 
 namespace {
-
-struct PlistDeleter {
-    void operator()(void* p) const {
-        if (p) plist_free(static_cast<plist_t>(p));
-    }
-};
-using PlistHandle = std::unique_ptr<void, PlistDeleter>;
-
-PlistHandle parsePlist(const std::string& bytes) {
-    if (bytes.empty() || bytes.size() > UINT32_MAX) return nullptr;
-    plist_t root = nullptr;
-    plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
-    return PlistHandle(root);
-}
-
-std::optional<std::string> stringItem(plist_t dictionary, const std::string& key) {
-    plist_t item = plist_dict_get_item(dictionary, key.c_str());
-    if (!item || plist_get_node_type(item) != PLIST_STRING) return std::nullopt;
-    char* text = nullptr;
-    plist_get_string_val(item, &text);
-    if (!text) return std::nullopt;
-    std::string value(text);
-    std::free(text);
-    return value;
-}
 
 std::string infoPlistXml(const linuxp::AppProfile& app) {
     PlistHandle dictionary(plist_new_dict());
@@ -47,13 +21,7 @@ std::string infoPlistXml(const linuxp::AppProfile& app) {
                         plist_new_string((app.name.empty() ? app.bundleId : app.name).c_str()));
     plist_dict_set_item(dictionary.get(), "CFBundleShortVersionString", plist_new_string(app.version.c_str()));
     plist_dict_set_item(dictionary.get(), "CFBundleVersion", plist_new_string(app.version.c_str()));
-    char* xml = nullptr;
-    uint32_t length = 0;
-    plist_to_xml(dictionary.get(), &xml, &length);
-    if (!xml) return "";
-    std::string text(xml, length);
-    plist_to_xml_free(xml);
-    return text;
+    return plistToXml(dictionary.get()).value_or("");
 }
 
 // A folder name made of `name`: no "/" and no NUL, not "." or "..".
@@ -78,6 +46,8 @@ bool writeAppBundles(const std::string& root, const linuxp::DeviceProfile& profi
         if (xml.empty()) continue;
         if (readWholeFile(path) == xml) continue;
         std::string failure;
+        std::error_code ec;
+        fs::create_directories(fs::path(path).parent_path(), ec);
         if (!writeFileAtomically(path, xml, &failure) && ok) {
             ok = false;
             if (error) *error = failure;
@@ -95,9 +65,8 @@ std::optional<std::string> DeviceBundleInfo::infoDictionaryString(const std::str
         const auto bytes = readWholeFile((it->path() / "Info.plist").string());
         if (!bytes) continue;
         PlistHandle info = parsePlist(*bytes);
-        if (!info || plist_get_node_type(info.get()) != PLIST_DICT) continue;
-        if (stringItem(info.get(), "CFBundleIdentifier") != bundleIdentifier) continue;
-        return stringItem(info.get(), key);
+        if (plistDictString(info.get(), "CFBundleIdentifier") != bundleIdentifier) continue;
+        return plistDictString(info.get(), key);
     }
     return std::nullopt;
 }

@@ -3,9 +3,10 @@
 #include <png.h>
 
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
+
+#include "core/AtomicFile.h"
+#include "graphic/Bmp.h"
 
 namespace tw::device {
 
@@ -15,33 +16,17 @@ namespace {
     throw std::runtime_error("cannot read the picture " + name + ": " + why);
 }
 
-uint32_t u32(const std::vector<uint8_t>& f, size_t at) {
-    uint32_t v;
-    std::memcpy(&v, f.data() + at, 4);
-    return v;
-}
-int32_t i32(const std::vector<uint8_t>& f, size_t at) {
-    int32_t v;
-    std::memcpy(&v, f.data() + at, 4);
-    return v;
-}
-uint16_t u16(const std::vector<uint8_t>& f, size_t at) {
-    uint16_t v;
-    std::memcpy(&v, f.data() + at, 2);
-    return v;
-}
-
 }  // namespace
 
 Picture decodeBmp(const std::vector<uint8_t>& f, const std::string& name) {
-    if (f.size() < 54 || f[0] != 'B' || f[1] != 'M') fail(name, "not a BMP file");
-    const uint32_t offset = u32(f, 10);
-    const uint32_t headerSize = u32(f, 14);
-    if (headerSize < 40) fail(name, "unsupported BMP header");
-    const int32_t width = i32(f, 18);
-    const int32_t rawHeight = i32(f, 22);
-    const uint16_t bits = u16(f, 28);
-    const uint32_t compression = u32(f, 30);
+    const auto header = read_bmp_header(f.data(), f.size());
+    if (!header || header->signature[0] != 'B' || header->signature[1] != 'M') fail(name, "not a BMP file");
+    const uint32_t offset = header->pixelOffset;
+    if (header->infoSize < 40) fail(name, "unsupported BMP header");
+    const int32_t width = header->width;
+    const int32_t rawHeight = header->height;
+    const uint16_t bits = header->bitsPerPixel;
+    const uint32_t compression = header->compression;
     if (bits != 24 && bits != 32) fail(name, "only 24- and 32-bit BMP files are supported");
     if (compression != 0 && compression != 3) fail(name, "compressed BMP files are not supported");
     if (width <= 0 || rawHeight == 0 || rawHeight == INT32_MIN) fail(name, "bad picture size in the header");
@@ -87,9 +72,9 @@ Picture decodePng(const std::vector<uint8_t>& f, const std::string& name) {
 }
 
 Picture loadPicture(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) fail(path, "no such file");
-    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const auto file = readWholeFile(path);
+    if (!file) fail(path, "no such file");
+    const std::vector<uint8_t> bytes(file->begin(), file->end());
     if (bytes.size() >= 8 && std::memcmp(bytes.data(), "\x89PNG\r\n\x1a\n", 8) == 0) return decodePng(bytes, path);
     if (bytes.size() >= 2 && bytes[0] == 'B' && bytes[1] == 'M') return decodeBmp(bytes, path);
     fail(path, "neither a BMP nor a PNG file");

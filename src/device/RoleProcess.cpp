@@ -13,6 +13,7 @@
 #include "device/VirtualDisplay.h"
 #include "device/VirtualHidSystem.h"
 #include "injection/HidInjector.h"
+#include "platform/MessagePort.h"
 #include "injection/TextInput.h"
 #include "injection/records/MessageIds.h"
 #include "library/FileManager.h"

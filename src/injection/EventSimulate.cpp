@@ -14,6 +14,7 @@
 #include "injection/records/TextRecord.h"
 #include "injection/records/TouchRecord.h"
 #include "platform/FileSystem.h"
+#include "platform/MessagePort.h"
 #include "platform/Platform.h"
 
 namespace tw {

@@ -15,6 +15,7 @@
 #include <semaphore>
 #include <thread>
 
+#include "core/AtomicFile.h"
 #include "core/LogToFile.h"
 #include "core/Settings.h"
 
@@ -211,81 +212,12 @@ private:
     size_t size_ = 0;
 };
 
-bool readWholeFile(const std::string& path, Bytes& out) {
-    InputFile in(path);
-    if (!in.ok()) return false;
-    out.clear();
-    out.reserve(in.size());
-    uint8_t buffer[64 * 1024];
-    for (;;) {
-        const ssize_t n = in.read(buffer, sizeof buffer);
-        if (n < 0) return false;
-        if (n == 0) return true;
-        out.insert(out.end(), buffer, buffer + n);
-    }
+std::span<const uint8_t> bytesOf(const std::string& text) {
+    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
 
-// A file that appears at its path complete or not at all: written to a fresh temporary file in
-// the same folder and renamed over the target on commit; removed if never committed.
-class AtomicFile {
-public:
-    AtomicFile(const std::string& target, mode_t mode) : target_(target) {
-        struct stat st {};
-        if (::stat(target.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return;  // a folder is never replaced
-        for (int attempt = 0; attempt < 16 && fd_ < 0; ++attempt) {
-            uint8_t tag[6];
-            if (!randomBytes(tag, sizeof tag)) return;
-            char suffix[32];
-            std::snprintf(suffix, sizeof suffix, ".tmp-%02x%02x%02x%02x%02x%02x", tag[0], tag[1], tag[2], tag[3],
-                          tag[4], tag[5]);
-            temp_ = target + suffix;
-            fd_ = ::open(temp_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-            if (fd_ < 0 && errno != EEXIST) return;
-        }
-    }
-    ~AtomicFile() {
-        if (fd_ >= 0) ::close(fd_);
-        if (!committed_ && !temp_.empty()) ::unlink(temp_.c_str());
-    }
-    AtomicFile(const AtomicFile&) = delete;
-    AtomicFile& operator=(const AtomicFile&) = delete;
-
-    bool ok() const { return fd_ >= 0 && !failed_; }
-    bool write(const uint8_t* data, size_t size) {
-        while (ok() && size > 0) {
-            const ssize_t n = ::write(fd_, data, size);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) {
-                failed_ = true;
-                break;
-            }
-            data += n;
-            size -= static_cast<size_t>(n);
-        }
-        return ok();
-    }
-    bool write(const Bytes& bytes) { return write(bytes.data(), bytes.size()); }
-    bool commit() {
-        if (!ok()) return false;
-        const bool synced = ::fsync(fd_) == 0;
-        const bool closed = ::close(fd_) == 0;
-        fd_ = -1;
-        if (!synced || !closed || ::rename(temp_.c_str(), target_.c_str()) != 0) return false;
-        committed_ = true;
-        return true;
-    }
-
-private:
-    std::string target_;
-    std::string temp_;
-    int fd_ = -1;
-    bool failed_ = false;
-    bool committed_ = false;
-};
-
-// Encrypted files get the usual permissions; decrypted text is kept to its owner.
-constexpr mode_t kEncryptedFileMode = 0666;
-constexpr mode_t kDecryptedFileMode = 0600;
+// Decrypted text is kept to its owner; encrypted files get the usual permissions.
+constexpr unsigned kDecryptedFileMode = 0600;
 
 // --- Streaming cryptors -----------------------------------------------------------------------
 
@@ -549,20 +481,20 @@ Decrypted Encrypt::decryptData(std::span<const uint8_t> message, const CryptKeys
 }
 
 CryptError Encrypt::encryptScript(const std::string& path, const std::string& password) {
-    Bytes plaintext;
-    if (!readWholeFile(path, plaintext)) return CryptError::cannotRead;
-    const Bytes message = encryptData(plaintext, password);
-    OPENSSL_cleanse(plaintext.data(), plaintext.size());
+    auto plaintext = readWholeFile(path);
+    if (!plaintext) return CryptError::cannotRead;
+    const Bytes message = encryptData(bytesOf(*plaintext), password);
+    OPENSSL_cleanse(plaintext->data(), plaintext->size());
     if (message.empty()) return CryptError::noRandom;
-    AtomicFile out(encryptedPathOf(path), kEncryptedFileMode);
-    if (!out.write(message) || !out.commit()) return CryptError::cannotWrite;
+    AtomicFileWriter out(encryptedPathOf(path));
+    if (!out.write(message.data(), message.size()) || !out.commit()) return CryptError::cannotWrite;
     return CryptError::none;
 }
 
 CryptError Encrypt::decryptScript(const std::string& path, const std::string& password, std::string& text) {
-    Bytes message;
-    if (!readWholeFile(path, message)) return CryptError::cannotRead;
-    return finishScript(decryptData(message, password), text);
+    const auto message = readWholeFile(path);
+    if (!message) return CryptError::cannotRead;
+    return finishScript(decryptData(bytesOf(*message), password), text);
 }
 
 std::optional<std::string> Encrypt::decryptScript(const std::string& path, const std::string& password) {
@@ -572,10 +504,10 @@ std::optional<std::string> Encrypt::decryptScript(const std::string& path, const
 }
 
 std::optional<std::string> Encrypt::decryptScript(const std::string& path, const CryptKeys& keys) {
-    Bytes message;
-    if (!readWholeFile(path, message)) return std::nullopt;
+    const auto message = readWholeFile(path);
+    if (!message) return std::nullopt;
     std::string text;
-    if (finishScript(decryptData(message, keys), text) != CryptError::none) return std::nullopt;
+    if (finishScript(decryptData(bytesOf(*message), keys), text) != CryptError::none) return std::nullopt;
     return text;
 }
 
@@ -584,7 +516,7 @@ CryptError Encrypt::encryptWithSemaphore(const std::string& path, const std::str
     return runCryptor([&]() -> CryptError {
         InputFile in(path);
         if (!in.ok()) return CryptError::cannotRead;
-        AtomicFile out(encryptedPathOf(path), kEncryptedFileMode);
+        AtomicFileWriter out(encryptedPathOf(path));
         if (!out.ok()) return CryptError::cannotWrite;
         StreamEncryptor encryptor;
         Bytes produced;
@@ -596,12 +528,12 @@ CryptError Encrypt::encryptWithSemaphore(const std::string& path, const std::str
             if (n == 0) break;
             if (CryptError e = encryptor.update(chunk.data(), static_cast<size_t>(n), produced); e != CryptError::none)
                 return e;
-            if (!out.write(produced)) return CryptError::cannotWrite;
+            if (!out.write(produced.data(), produced.size())) return CryptError::cannotWrite;
             produced.clear();
         }
         OPENSSL_cleanse(chunk.data(), chunk.size());
         if (CryptError e = encryptor.finish(produced); e != CryptError::none) return e;
-        if (!out.write(produced) || !out.commit()) return CryptError::cannotWrite;
+        if (!out.write(produced.data(), produced.size()) || !out.commit()) return CryptError::cannotWrite;
         return CryptError::none;
     });
 }
@@ -612,7 +544,7 @@ CryptError Encrypt::decryptWithSemaphore(const std::string& path, const std::str
     return runCryptor([&]() -> CryptError {
         InputFile in(path);
         if (!in.ok()) return CryptError::cannotRead;
-        AtomicFile out(outPath, kDecryptedFileMode);
+        AtomicFileWriter out(outPath, kDecryptedFileMode);
         if (!out.ok()) return CryptError::cannotWrite;
         StreamDecryptor decryptor(password);
         Bytes chunk(chunkSize);
@@ -628,14 +560,14 @@ CryptError Encrypt::decryptWithSemaphore(const std::string& path, const std::str
                 return e;
             if (!plaintext.empty()) {
                 debugLine("Decryptor recevied %lu bytes", static_cast<unsigned long>(plaintext.size()));
-                if (!out.write(plaintext)) return CryptError::cannotWrite;
+                if (!out.write(plaintext.data(), plaintext.size())) return CryptError::cannotWrite;
                 OPENSSL_cleanse(plaintext.data(), plaintext.size());
                 plaintext.clear();
             }
         }
         if (CryptError e = decryptor.finish(plaintext); e != CryptError::none) return e;
         if (!plaintext.empty()) debugLine("Decryptor recevied %lu bytes", static_cast<unsigned long>(plaintext.size()));
-        const bool written = out.write(plaintext) && out.commit();
+        const bool written = out.write(plaintext.data(), plaintext.size()) && out.commit();
         OPENSSL_cleanse(plaintext.data(), plaintext.size());
         return written ? CryptError::none : CryptError::cannotWrite;
     });

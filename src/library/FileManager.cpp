@@ -1,7 +1,6 @@
 #include "library/FileManager.h"
 
 #include <fcntl.h>
-#include <plist/plist.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,7 +15,9 @@
 #include <sstream>
 #include <unordered_map>
 
+#include "core/AtomicFile.h"
 #include "core/LogToFile.h"
+#include "core/Plist.h"
 #include "core/Paths.h"
 #include "library/Utils.h"
 #include "platform/ExtendedAttributes.h"
@@ -182,57 +183,6 @@ std::error_code moveItem(const std::string& from, const std::string& to) {
     return ec;
 }
 
-// ---- Reading and writing whole files
-
-int readAll(const std::string& full, std::string* out) {
-    const int fd = ::open(full.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return errno;
-    std::string data;
-    char buffer[65536];
-    for (;;) {
-        const ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n == 0) break;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            const int err = errno;
-            ::close(fd);
-            return err;
-        }
-        data.append(buffer, static_cast<size_t>(n));
-    }
-    ::close(fd);
-    *out = std::move(data);
-    return 0;
-}
-
-// Writes to a new file beside the target and renames it over the target, so a reader sees the old
-// or the new text, never part of it.
-int writeAtomically(const std::string& full, const std::string& content) {
-    const std::string dir = parentOf(full);
-    std::string temp = dir + "/.tw-write-XXXXXX";
-    const int fd = ::mkstemp(temp.data());
-    if (fd < 0) return errno;
-
-    struct stat st {};
-    const mode_t mode = ::stat(full.c_str(), &st) == 0 && S_ISREG(st.st_mode) ? (st.st_mode & 07777) : 0644;
-    int err = 0;
-    if (::fchmod(fd, mode) != 0) err = errno;
-    size_t done = 0;
-    while (!err && done < content.size()) {
-        const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
-        if (n < 0) {
-            if (errno != EINTR) err = errno;
-            continue;
-        }
-        done += static_cast<size_t>(n);
-    }
-    if (!err && ::fsync(fd) != 0) err = errno;
-    if (::close(fd) != 0 && !err) err = errno;
-    if (!err && ::rename(temp.c_str(), full.c_str()) != 0) err = errno;
-    if (err) ::unlink(temp.c_str());
-    return err;
-}
-
 // ---- MIME types
 
 using MimeTable = std::unordered_map<std::string, std::string>;
@@ -259,35 +209,8 @@ const MimeTable& mimeTable() {
 
 // ---- Property lists
 
-struct PlistDeleter {
-    void operator()(void* p) const {
-        if (p) plist_free(static_cast<plist_t>(p));
-    }
-};
-using PlistHandle = std::unique_ptr<void, PlistDeleter>;
-
-PlistHandle readPlist(const std::string& path) {
-    std::string data;
-    if (readAll(path, &data) != 0 || data.empty() || data.size() > UINT32_MAX) return nullptr;
-    plist_t root = nullptr;
-    plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
-    return PlistHandle(root);
-}
-
-std::optional<std::string> stringItem(plist_t dict, const std::string& key) {
-    if (!dict || plist_get_node_type(dict) != PLIST_DICT) return std::nullopt;
-    plist_t item = plist_dict_get_item(dict, key.c_str());
-    if (!item || plist_get_node_type(item) != PLIST_STRING) return std::nullopt;
-    char* value = nullptr;
-    plist_get_string_val(item, &value);
-    if (!value) return std::nullopt;
-    std::string out(value);
-    std::free(value);
-    return out;
-}
-
 plist_t dictItem(plist_t dict, const std::string& key) {
-    if (!dict || plist_get_node_type(dict) != PLIST_DICT) return nullptr;
+    if (!isPlistDict(dict)) return nullptr;
     plist_t item = plist_dict_get_item(dict, key.c_str());
     return item && plist_get_node_type(item) == PLIST_DICT ? item : nullptr;
 }
@@ -425,10 +348,10 @@ std::string FileManager::fileIcon(const std::string& path) {
     std::optional<std::string> icon;
     // mimetypes.plist: MIME type -> {"Icons": {extension: icon name}, "DefaultIcon": icon name}.
     if (auto mime = fileMIMEType(lastComponent(path))) {
-        PlistHandle types = readPlist(Paths::resolve(kWebsiteIconsPath) + "/" + kMimeTypesPlistName);
+        PlistHandle types = readPlistFile(Paths::resolve(kWebsiteIconsPath) + "/" + kMimeTypesPlistName);
         if (plist_t entry = dictItem(types.get(), *mime)) {
-            icon = stringItem(dictItem(entry, "Icons"), ext);
-            if (!icon) icon = stringItem(entry, "DefaultIcon");
+            icon = plistDictString(dictItem(entry, "Icons"), ext);
+            if (!icon) icon = plistDictString(entry, "DefaultIcon");
         }
     }
     if (!icon) {
@@ -462,16 +385,18 @@ void FileManager::newFile(const std::string& path, SuccessCallback onSuccess, Fa
 
 void FileManager::readFile(const std::string& path, ReadSuccessCallback onSuccess, FailureCallback onFailure) {
     if (path.empty()) return fail(onFailure, libraryError(kErrorInvalidFilePath, "Invalid file path."));
-    std::string content;
-    if (int err = readAll(fullPathOfFile(path), &content)) return fail(onFailure, Error::posix(err));
-    if (!isValidUtf8(content)) return fail(onFailure, Error::posix(EILSEQ));
-    if (onSuccess) onSuccess(content);
+    int err = 0;
+    const auto content = readWholeFile(fullPathOfFile(path), &err);
+    if (!content) return fail(onFailure, Error::posix(err));
+    if (!isValidUtf8(*content)) return fail(onFailure, Error::posix(EILSEQ));
+    if (onSuccess) onSuccess(*content);
 }
 
 void FileManager::writeFile(const std::string& path, const std::string& content, SuccessCallback onSuccess,
                             FailureCallback onFailure) {
     if (path.empty()) return fail(onFailure, libraryError(kErrorInvalidFilePath, "Invalid file path."));
-    if (int err = writeAtomically(fullPathOfFile(path), content)) return fail(onFailure, Error::posix(err));
+    int err = 0;
+    if (!writeFileAtomically(fullPathOfFile(path), content, nullptr, &err)) return fail(onFailure, Error::posix(err));
     succeed(onSuccess);
 }
 

@@ -1,107 +1,19 @@
 #include "library/Utils.h"
 
 #include <openssl/evp.h>
-#include <plist/plist.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
-#include <memory>
 
+#include "core/Alert.h"
 #include "core/Paths.h"
+#include "core/Plist.h"
+#include "platform/DeviceInfo.h"
+#include "platform/AppService.h"
 #include "platform/Platform.h"
-#include "platform/RunLoop.h"
-#include "platform/linux/ProfileDeviceInfo.h"
 
 namespace tw {
 
 namespace {
-
-struct PlistDeleter {
-    void operator()(void* p) const {
-        if (p) plist_free(static_cast<plist_t>(p));
-    }
-};
-using PlistHandle = std::unique_ptr<void, PlistDeleter>;
-
-PlistHandle readPlist(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return nullptr;
-    const std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (data.empty() || data.size() > UINT32_MAX) return nullptr;
-    plist_t root = nullptr;
-    plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
-    return PlistHandle(root);
-}
-
-std::string takeString(char* s) {
-    std::string out = s ? s : "";
-    std::free(s);
-    return out;
-}
-
-// A value as text, for the kinds a record's fields have; nullopt for containers and data.
-std::optional<std::string> scalarText(plist_t node) {
-    switch (plist_get_node_type(node)) {
-        case PLIST_STRING: {
-            char* s = nullptr;
-            plist_get_string_val(node, &s);
-            return takeString(s);
-        }
-        case PLIST_BOOLEAN: {
-            uint8_t b = 0;
-            plist_get_bool_val(node, &b);
-            return std::string(b ? "1" : "0");
-        }
-        case PLIST_UINT: {
-            uint64_t v = 0;
-            plist_get_uint_val(node, &v);
-            return std::to_string(v);
-        }
-        case PLIST_REAL: {
-            double v = 0;
-            plist_get_real_val(node, &v);
-            char buffer[64];
-            std::snprintf(buffer, sizeof buffer, "%g", v);
-            return std::string(buffer);
-        }
-        default:
-            return std::nullopt;
-    }
-}
-
-AppRecord recordOf(plist_t dict) {
-    AppRecord record;
-    plist_dict_iter it = nullptr;
-    plist_dict_new_iter(dict, &it);
-    for (;;) {
-        char* key = nullptr;
-        plist_t value = nullptr;
-        plist_dict_next_item(dict, it, &key, &value);
-        if (!key) break;
-        const std::string name = takeString(key);
-        if (auto text = scalarText(value)) record[name] = *text;
-    }
-    std::free(it);
-    return record;
-}
-
-void appendRecords(plist_t root, const char* group, std::vector<AppRecord>* out) {
-    plist_t dict = plist_dict_get_item(root, group);
-    if (!dict || plist_get_node_type(dict) != PLIST_DICT) return;
-    plist_dict_iter it = nullptr;
-    plist_dict_new_iter(dict, &it);
-    for (;;) {
-        char* key = nullptr;
-        plist_t value = nullptr;
-        plist_dict_next_item(dict, it, &key, &value);
-        if (!key) break;
-        std::free(key);
-        if (plist_get_node_type(value) == PLIST_DICT) out->push_back(recordOf(value));
-    }
-    std::free(it);
-}
 
 // Number of UTF-16 units of UTF-8 text; a byte that starts no valid sequence counts as one.
 size_t utf16Length(const std::string& text) {
@@ -132,13 +44,8 @@ size_t utf16Length(const std::string& text) {
 }  // namespace
 
 std::optional<std::string> Utils::getCurrentVersion() {
-    PlistHandle info = readPlist(Paths::resolve(std::string(kAppPath) + "/Info.plist"));
-    if (!info || plist_get_node_type(info.get()) != PLIST_DICT) return std::nullopt;
-    plist_t version = plist_dict_get_item(info.get(), "CFBundleVersion");
-    if (!version || plist_get_node_type(version) != PLIST_STRING) return std::nullopt;
-    char* s = nullptr;
-    plist_get_string_val(version, &s);
-    return takeString(s);
+    PlistHandle info = readPlistFile(Paths::resolve(std::string(kAppPath) + "/Info.plist"));
+    return plistDictString(info.get(), "CFBundleVersion");
 }
 
 std::string Utils::sha1(const std::string& text) {
@@ -171,34 +78,14 @@ std::string Utils::getScreenSize() {
 }
 
 std::vector<AppRecord> Utils::appInstalledList() {
-    std::vector<AppRecord> apps;
-    if (auto* profile = dynamic_cast<const linuxp::ProfileDeviceInfo*>(Platform::current().device.get())) {
-        for (const auto& app : profile->profile().apps)
-            apps.push_back({{"CFBundleIdentifier", app.bundleId},
-                            {"CFBundleDisplayName", app.name},
-                            {"CFBundleVersion", app.version},
-                            {"ApplicationType", "User"}});
-        return apps;
-    }
-    PlistHandle list = readPlist(Paths::resolve(kInstallationListPath));
-    if (!list || plist_get_node_type(list.get()) != PLIST_DICT) return apps;
-    appendRecords(list.get(), "User", &apps);
-    appendRecords(list.get(), "System", &apps);
-    return apps;
+    auto apps = Platform::current().apps;
+    return apps ? apps->installedApps() : std::vector<AppRecord>{};
 }
 
 Error Utils::customErrorWithDomain(const std::string& domain, int64_t code, const std::string& description) {
     return Error{domain, code, description};
 }
 
-void Utils::alert(const std::string& text) {
-    auto ui = Platform::current().ui;
-    if (!ui) return;
-    AlertRequest request{"", text, {"OK"}};
-    if (RunLoop::hasMain() && !RunLoop::main().isCurrent())
-        RunLoop::main().post([ui, request] { ui->showAlert(request); });
-    else
-        ui->showAlert(request);
-}
+void Utils::alert(const std::string& text) { showPlainAlert(text); }
 
 }  // namespace tw

@@ -8,16 +8,10 @@
 #include <vector>
 
 #include "library/Error.h"
+#include "platform/AppService.h"
 
 namespace tw {
 
-// The system's list of installed applications.
-inline constexpr const char* kInstallationListPath =
-    "/private/var/mobile/Library/Caches/com.apple.mobile.installation.plist";
-
-// One installed application: its record's text, number and boolean values by key
-// ("CFBundleIdentifier", "CFBundleDisplayName", "CFBundleVersion", "ApplicationType", ...).
-using AppRecord = std::map<std::string, std::string>;
 
 class Utils {
 public:
@@ -28,9 +22,9 @@ public:
     static std::string sha1(const std::string& text);
     // The main screen in pixels, "%.0fx%.0f", the longer side first in landscape orientations.
     static std::string getScreenSize();
-    // User applications, then system applications. On a virtual device these are the apps of its
-    // profile (user apps); elsewhere the installation list's "User" and "System" records; an
-    // absent list gives none.
+    // User applications, then system applications, as the platform's application service lists
+    // them (the system's installation list on a phone, the profile's apps on a virtual device);
+    // none without the service.
     static std::vector<AppRecord> appInstalledList();
     static Error customErrorWithDomain(const std::string& domain, int64_t code, const std::string& description);
     // An alert with the text and one button "OK", shown on the main run loop.

@@ -1,8 +1,10 @@
 #pragma once
 // The home screen's applications: launching one, looking one up in the application registry, and
 // ending its process.
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tw {
 
@@ -14,6 +16,11 @@ struct ApplicationRecord {
     // The platform's name of the application's activation state; scripts compare against it.
     std::string activationState;
 };
+
+// One installed application as the system's installation list records it: its text, number and
+// boolean values by key ("CFBundleIdentifier", "CFBundleDisplayName", "CFBundleVersion",
+// "ApplicationType", ...).
+using AppRecord = std::map<std::string, std::string>;
 
 class AppService {
 public:
@@ -27,6 +34,8 @@ public:
     virtual std::optional<ApplicationRecord> applicationWithBundleIdentifier(const std::string& identifier) = 0;
     // Sends the process signal `signal` to process `pid`.
     virtual void sendSignal(int pid, int signal) = 0;
+    // The installed applications: user applications first, then system applications.
+    virtual std::vector<AppRecord> installedApps() = 0;
 };
 
 // The process signal that asks a process to end.

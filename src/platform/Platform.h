@@ -1,21 +1,23 @@
 #pragma once
-// The platform services of this process, installed at start-up (the CLI, a role, a test fixture).
+// The platform services of this process, installed at start-up (a role's wiring, a test fixture).
+// Callers include the seam headers of the services they use.
 #include <memory>
 
-#include "platform/AppService.h"
-#include "platform/AudioPlayer.h"
-#include "platform/BundleInfo.h"
-#include "platform/Clock.h"
-#include "platform/DeviceInfo.h"
-#include "platform/Display.h"
-#include "platform/HidEventSystem.h"
-#include "platform/MessagePort.h"
-#include "platform/NotificationCenter.h"
-#include "platform/Pasteboard.h"
-#include "platform/UserDefaults.h"
-#include "platform/UserInterface.h"
-
 namespace tw {
+
+class AppService;
+class AudioService;
+class BundleInfo;
+class DeviceInfo;
+class Display;
+class DistributedNotificationCenter;
+class HidEventSystem;
+class MessagePortService;
+class Pasteboard;
+class Sleeper;
+class SoundService;
+class UserDefaults;
+class UserInterface;
 
 struct Platform {
     std::shared_ptr<MessagePortService> ports;

@@ -1,7 +1,8 @@
 #include "play/LuaBridge.h"
 
-#include "api/Registry.h"
-#include "api/SystemFunctions.h"
+#include <mutex>
+
+#include "core/Alert.h"
 #include "core/Global.h"
 #include "core/Helper.h"
 #include "core/LogToFile.h"
@@ -15,6 +16,10 @@ namespace tw {
 std::atomic<int> luaStopFlag{0};
 
 namespace {
+
+std::mutex registrarMutex;
+std::function<void(lua_State*)> functionRegistrar;
+
 // After the last run's touches, give the injector time to deliver them.
 constexpr uint64_t kLastSyncWaitMicroseconds = 16000;
 constexpr const char* kModulePathChunk = "package.path = package.path .. \";\" .. rootDir() .. \"?.lua\"";
@@ -33,10 +38,20 @@ LuaBridge::~LuaBridge() {
 
 void LuaBridge::stopLuaRunning() { luaStopFlag.store(1, std::memory_order_relaxed); }
 
+void LuaBridge::setFunctionRegistrar(std::function<void(lua_State*)> registrar) {
+    std::lock_guard lock(registrarMutex);
+    functionRegistrar = std::move(registrar);
+}
+
 void LuaBridge::prepareState() {
     L = luaL_newstate();
     luaL_openlibs(L);
-    registerFunctions(L);
+    std::function<void(lua_State*)> registrar;
+    {
+        std::lock_guard lock(registrarMutex);
+        registrar = functionRegistrar;
+    }
+    if (registrar) registrar(L);
 
     const std::string extensions = Paths::extensionsFile();
     if (luaL_loadfilex(L, extensions.c_str(), nullptr) != LUA_OK || lua_pcall(L, 0, LUA_MULTRET, 0) != LUA_OK)
@@ -79,7 +94,7 @@ void LuaBridge::processError() {
     if (!str_ends_with(message, "interrupted")) {
         Global::sharedInstance().setIsPlaying(false);
         if (Helper::ifLogErrors()) LogToFile("%s", message.c_str());
-        if (Helper::ifShowErrorsByAlert()) showScriptAlert(message);
+        if (Helper::ifShowErrorsByAlert()) showPlainAlert(message);
         ScriptManager::notifyError(message);
     }
     lua_pop(L, 1);

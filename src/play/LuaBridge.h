@@ -2,6 +2,7 @@
 // Owner of one Lua 5.2 state per play: prepares it (script functions, Extensions.lua, the module
 // path), runs a script in it, stops it through a debug hook and reports its errors.
 #include <atomic>
+#include <functional>
 #include <string>
 
 #include "platform/Lua.h"
@@ -26,6 +27,11 @@ public:
     void processError();
 
     lua_State* state() const { return L; }
+
+    // What every new state gets right after the standard libraries and before Extensions.lua:
+    // the script functions. Set once by whoever wires the process (the home-screen role, a
+    // test); a state made before it is set has none.
+    static void setFunctionRegistrar(std::function<void(lua_State*)> registrar);
 
 private:
     void prepareState();

@@ -6,9 +6,13 @@
 #include <thread>
 
 #include "core/Global.h"
+#include "store/PlaySettings.h"
 #include "core/Helper.h"
 #include "library/FileManager.h"
+#include "platform/Clock.h"
+#include "platform/DeviceInfo.h"
 #include "platform/Platform.h"
+#include "platform/UserInterface.h"
 #include "platform/RunLoop.h"
 #include "play/LuaBridge.h"
 #include "ui/Localization.h"

@@ -3,7 +3,9 @@
 #include <map>
 
 #include "core/Settings.h"
+#include "platform/DeviceInfo.h"
 #include "platform/Platform.h"
+#include "platform/UserDefaults.h"
 
 namespace tw {
 

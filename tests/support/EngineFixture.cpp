@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "api/Registry.h"
 #include "core/Global.h"
 #include "core/Paths.h"
 #include "core/Settings.h"
@@ -13,35 +14,11 @@
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/PlistUserDefaults.h"
 #include "platform/linux/UnixMessagePorts.h"
+#include "play/LuaBridge.h"
 #include "play/ScriptManager.h"
 #include "store/PlaySettings.h"
 
 namespace tw::test {
-
-void FakeSleeper::sleepMicroseconds(uint64_t microseconds) {
-    std::function<void(uint64_t)> hook;
-    {
-        std::lock_guard lock(mutex_);
-        sleeps_.push_back(microseconds);
-        hook = hook_;
-    }
-    if (hook) hook(microseconds);
-}
-
-std::vector<uint64_t> FakeSleeper::sleeps() const {
-    std::lock_guard lock(mutex_);
-    return sleeps_;
-}
-
-void FakeSleeper::setHook(std::function<void(uint64_t)> hook) {
-    std::lock_guard lock(mutex_);
-    hook_ = std::move(hook);
-}
-
-void FakeSleeper::clear() {
-    std::lock_guard lock(mutex_);
-    sleeps_.clear();
-}
 
 FakeInjector::FakeInjector(MessagePortService& ports) : loop_(std::make_shared<linuxp::AsioRunLoop>()) {
     port_ = ports.createLocal(
@@ -99,6 +76,7 @@ void EngineFixture::SetUp() {
     setup.ui = ui;
     setup.sounds = sounds;
     loop = linuxp::installProcess(setup);
+    LuaBridge::setFunctionRegistrar(registerFunctions);
     Platform::current().sleeper = sleeper;
     defaults = Platform::current().standardDefaults;
 

@@ -11,29 +11,19 @@
 #include <thread>
 #include <vector>
 
+#include "SeamDoubles.h"
 #include "TestSupport.h"
+#include "platform/Clock.h"
+#include "platform/MessagePort.h"
 #include "platform/Platform.h"
+#include "platform/UserDefaults.h"
+#include "platform/UserInterface.h"
 #include "platform/linux/AsioRunLoop.h"
 #include "platform/linux/ProfileDeviceInfo.h"
 #include "store/PlaySettings.h"
 #include "ui/HeadlessUserInterface.h"
 
 namespace tw::test {
-
-// Records every sleep; a hook may act on it (from the sleeping thread). Sleeps up to
-// `realLimitMicroseconds` really happen, so tests can give other threads a moment.
-class FakeSleeper : public Sleeper {
-public:
-    void sleepMicroseconds(uint64_t microseconds) override;
-    std::vector<uint64_t> sleeps() const;
-    void setHook(std::function<void(uint64_t)> hook);
-    void clear();
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<uint64_t> sleeps_;
-    std::function<void(uint64_t)> hook_;
-};
 
 // One message as the injector received it.
 struct ReceivedMessage {

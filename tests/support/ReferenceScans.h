@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "graphic/graphic.h"
-#include "graphic/region.h"
-#include "graphic/surface.h"
+#include "graphic/Graphic.h"
+#include "graphic/Region.h"
+#include "graphic/Surface.h"
 #include "platform/Display.h"
 
 namespace tw::reference {

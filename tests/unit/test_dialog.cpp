@@ -4,6 +4,7 @@
 
 #include "EngineFixture.h"
 #include "core/Global.h"
+#include "store/PlaySettings.h"
 #include "library/FileManager.h"
 #include "play/ScriptManager.h"
 #include "ui/ConsoleUserInterface.h"

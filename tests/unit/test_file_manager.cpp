@@ -802,47 +802,6 @@ TEST_F(FileManagerTest, ScreenSizeIsInPixelsOrderedByOrientation) {
 }
 
 // A device that is not a virtual one: its apps come from the installation list.
-class PlainDevice : public DeviceInfo {
-public:
-    std::string mainBundleIdentifier() const override { return "com.apple.springboard"; }
-    std::string systemVersion() const override { return "9.3"; }
-    double coreFoundationVersionNumber() const override { return 1242.13; }
-    double screenWidthPoints() const override { return 320; }
-    double screenHeightPoints() const override { return 568; }
-    double screenScale() const override { return 2; }
-    int orientation() const override { return 1; }
-    std::string serialNumber() const override { return "X"; }
-    std::vector<std::string> preferredLanguages() const override { return {"en"}; }
-};
-
-TEST_F(FileManagerTest, InstalledAppsComeFromTheProfileOrTheInstallationList) {
-    linuxp::DeviceProfile profile;
-    profile.apps = {{"me.tapwright.demo.notes", "Notes", "1.0"}, {"com.example.game", "Game", "2.3"}};
-    Platform::current().device = std::make_shared<linuxp::ProfileDeviceInfo>(profile, "com.apple.springboard");
-    auto apps = Utils::appInstalledList();
-    ASSERT_EQ(apps.size(), 2u);
-    EXPECT_EQ(apps[0].at("CFBundleIdentifier"), "me.tapwright.demo.notes");
-    EXPECT_EQ(apps[1].at("CFBundleDisplayName"), "Game");
-    EXPECT_EQ(apps[1].at("CFBundleVersion"), "2.3");
-
-    Platform::current().device = std::make_shared<PlainDevice>();
-    EXPECT_TRUE(Utils::appInstalledList().empty());  // no list
-    test::writeFile(Paths::resolve(kInstallationListPath),
-                    "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
-                    "<key>System</key><dict><key>com.apple.mobilesafari</key><dict>"
-                    "<key>CFBundleIdentifier</key><string>com.apple.mobilesafari</string>"
-                    "<key>ApplicationType</key><string>System</string></dict></dict>"
-                    "<key>User</key><dict><key>com.example.a</key><dict>"
-                    "<key>CFBundleIdentifier</key><string>com.example.a</string>"
-                    "<key>Entitlements</key><dict/></dict></dict>"
-                    "</dict></plist>");
-    apps = Utils::appInstalledList();
-    ASSERT_EQ(apps.size(), 2u);
-    EXPECT_EQ(apps[0].at("CFBundleIdentifier"), "com.example.a");  // "User" before "System"
-    EXPECT_EQ(apps[0].count("Entitlements"), 0u);
-    EXPECT_EQ(apps[1].at("ApplicationType"), "System");
-}
-
 TEST_F(FileManagerTest, VersionErrorsAndAlerts) {
     EXPECT_FALSE(Utils::getCurrentVersion());
     test::writeFile(Paths::resolve(kAppPath) + "/Info.plist",

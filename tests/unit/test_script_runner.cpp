@@ -5,6 +5,7 @@
 
 #include "EngineFixture.h"
 #include "core/Global.h"
+#include "store/PlaySettings.h"
 #include "core/Paths.h"
 #include "core/Settings.h"
 #include "injection/records/MessageIds.h"

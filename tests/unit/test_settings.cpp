@@ -3,6 +3,7 @@
 
 #include "EngineFixture.h"
 #include "core/Global.h"
+#include "store/PlaySettings.h"
 #include "core/Helper.h"
 #include "core/Settings.h"
 #include "play/LuaBridge.h"

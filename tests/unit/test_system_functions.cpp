@@ -11,106 +11,26 @@
 #include <vector>
 
 #include "EngineFixture.h"
+#include "SeamDoubles.h"
 #include "api/Registry.h"
 #include "api/SystemFunctions.h"
 #include "core/Paths.h"
 #include "platform/Lua.h"
 #include "platform/linux/ProfileDeviceInfo.h"
+#include "platform/AppService.h"
+#include "platform/AudioPlayer.h"
+#include "platform/BundleInfo.h"
+#include "platform/DeviceInfo.h"
+#include "platform/Pasteboard.h"
+#include "platform/UserInterface.h"
 
 namespace tw {
 namespace {
 
-// Players that write what is done to them into one shared journal, as "<action> <file>".
-class FakeAudioService : public AudioService {
-public:
-    class Player : public AudioPlayer {
-    public:
-        Player(FakeAudioService& owner, std::string file) : owner_(owner), file_(std::move(file)) {}
-        ~Player() override { note("release"); }
-        void setNumberOfLoops(int32_t loops) override { note("loops " + std::to_string(loops)); }
-        bool play() override {
-            playing_ = true;
-            note("play");
-            return true;
-        }
-        void pause() override {
-            playing_ = false;
-            note("pause");
-        }
-        void stop() override {
-            playing_ = false;
-            note("stop");
-        }
-        bool isPlaying() const override { return playing_ && !owner_.soundsEnded; }
-
-    private:
-        void note(const std::string& action) { owner_.journal.push_back(action + " " + file_); }
-        FakeAudioService& owner_;
-        std::string file_;
-        bool playing_ = false;
-    };
-
-    std::unique_ptr<AudioPlayer> createPlayer(const std::string& path) override {
-        journal.push_back("create " + path);
-        if (path.find("broken") != std::string::npos) return nullptr;
-        return std::make_unique<Player>(*this, path);
-    }
-
-    std::vector<std::string> take() {
-        auto out = std::move(journal);
-        journal.clear();
-        return out;
-    }
-
-    std::vector<std::string> journal;
-    bool soundsEnded = false;  // every sound has reached its end
-};
-
-class FakeAppService : public AppService {
-public:
-    bool launchApplication(const std::string& id, bool suspended) override {
-        calls.push_back("launch " + id + (suspended ? " suspended" : ""));
-        return apps.count(id) > 0;
-    }
-    std::optional<ApplicationRecord> applicationWithDisplayIdentifier(const std::string& id) override {
-        calls.push_back("display " + id);
-        return find(id);
-    }
-    std::optional<ApplicationRecord> applicationWithBundleIdentifier(const std::string& id) override {
-        calls.push_back("bundle " + id);
-        return find(id);
-    }
-    void sendSignal(int pid, int signal) override {
-        calls.push_back("signal " + std::to_string(pid) + " " + std::to_string(signal));
-    }
-
-    std::map<std::string, ApplicationRecord> apps;
-    std::vector<std::string> calls;
-
-private:
-    std::optional<ApplicationRecord> find(const std::string& id) const {
-        auto it = apps.find(id);
-        if (it == apps.end()) return std::nullopt;
-        return it->second;
-    }
-};
-
-class FakePasteboard : public Pasteboard {
-public:
-    std::optional<std::string> string() const override { return text; }
-    void setString(const std::string& value) override { text = value; }
-    std::optional<std::string> text;
-};
-
-class FakeBundleInfo : public BundleInfo {
-public:
-    std::optional<std::string> infoDictionaryString(const std::string& id, const std::string& key) const override {
-        auto it = values.find(id + "/" + key);
-        if (it == values.end()) return std::nullopt;
-        return it->second;
-    }
-    std::map<std::string, std::string> values;  // "<bundle id>/<key>" -> value
-};
+using test::FakeAppService;
+using test::FakeAudioService;
+using test::FakeBundleInfo;
+using test::FakePasteboard;
 
 class SystemFunctionsTest : public test::EngineFixture {
 protected:

@@ -8,6 +8,7 @@
 #include "api/Registry.h"
 #include "api/TouchFunctions.h"
 #include "core/Global.h"
+#include "store/PlaySettings.h"
 #include "injection/records/KeyRecord.h"
 #include "injection/records/MessageIds.h"
 #include "injection/records/TouchRecord.h"

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/Platform.h"
+#include "platform/UserInterface.h"
 #include "platform/linux/AsioRunLoop.h"
 #include "platform/linux/ProfileDeviceInfo.h"
 

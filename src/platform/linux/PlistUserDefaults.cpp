@@ -1,21 +1,17 @@
 #include "platform/linux/PlistUserDefaults.h"
 
-#include <fcntl.h>
-#include <plist/plist.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <limits>
-#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
+
+#include "core/AtomicFile.h"
+#include "core/Plist.h"
 
 // Storage layout and concurrency
 //
@@ -50,83 +46,38 @@ std::mutex& domainMutex() {
     return m;
 }
 
-struct PlistDeleter {
-    void operator()(void* p) const {
-        if (p) plist_free(p);
-    }
-};
-using PlistHandle = std::unique_ptr<void, PlistDeleter>;
-
 [[noreturn]] void fail(const std::string& what, const std::string& path, int err) {
     throw std::runtime_error("user defaults: " + what + " " + path + ": " + std::strerror(err));
 }
-
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-    // Closes now, reporting the error (close can report a deferred write error).
-    int close() {
-        const int rc = ::close(fd_);
-        fd_ = -1;
-        return rc;
-    }
-
-private:
-    int fd_;
-};
 
 enum class FileState { Missing, Empty, Valid, Corrupt, Unreadable };
 
 struct LoadedDomain {
     FileState state = FileState::Missing;
-    PlistHandle dict;    // set only when Valid
-    std::string bytes;   // the raw contents, kept so a corrupt file can be set aside
-    int error = 0;       // errno when Unreadable
-    mode_t mode = 0644;  // permissions of the existing file
+    PlistHandle dict;   // set only when Valid
+    std::string bytes;  // the raw contents, kept so a corrupt file can be set aside
+    int error = 0;      // errno when Unreadable
 };
 
 LoadedDomain loadDomain(const std::string& file) {
     LoadedDomain out;
-    Fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        out.state = errno == ENOENT ? FileState::Missing : FileState::Unreadable;
-        out.error = errno;
+    auto bytes = readWholeFile(file, &out.error);
+    if (!bytes) {
+        out.state = out.error == ENOENT ? FileState::Missing : FileState::Unreadable;
         return out;
     }
-    struct stat st {};
-    if (::fstat(fd.get(), &st) == 0) out.mode = st.st_mode & 07777;
-    char buffer[65536];
-    while (true) {
-        const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
-        if (n == 0) break;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            out.state = FileState::Unreadable;
-            out.error = errno;
-            return out;
-        }
-        out.bytes.append(buffer, static_cast<size_t>(n));
-    }
+    out.bytes = std::move(*bytes);
     if (out.bytes.empty()) {
         out.state = FileState::Empty;
         return out;
     }
-    plist_t root = nullptr;
-    if (out.bytes.size() <= std::numeric_limits<uint32_t>::max())
-        plist_from_memory(out.bytes.data(), static_cast<uint32_t>(out.bytes.size()), &root);
-    PlistHandle handle(root);
-    if (!root || plist_get_node_type(root) != PLIST_DICT) {
+    PlistHandle root = parsePlist(out.bytes);
+    if (!isPlistDict(root.get())) {
         out.state = FileState::Corrupt;
         return out;
     }
     out.state = FileState::Valid;
-    out.dict = std::move(handle);
+    out.dict = std::move(root);
     return out;
 }
 
@@ -165,61 +116,26 @@ plist_t toNode(const DefaultsValue& value) {
     return plist_new_string(std::get<std::string>(value).c_str());
 }
 
-void writeAll(int fd, const char* data, size_t size, const std::string& path) {
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            fail("cannot write", path, errno);
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-}
-
-void syncFolder(const std::string& folder) {
-    Fd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.get() >= 0) ::fsync(dir.get());  // best effort: the rename itself already happened
-}
-
 // Copies the damaged contents next to the file under the first free "<file>.corrupt[.N]" name.
+// Runs under the domain's cross-process lock, so no other writer takes the name meanwhile.
 void setCorruptFileAside(const std::string& file, const LoadedDomain& loaded) {
-    for (int attempt = 0;; ++attempt) {
+    for (int attempt = 0; attempt < 10000; ++attempt) {
         const std::string aside = file + ".corrupt" + (attempt ? "." + std::to_string(attempt) : "");
-        Fd fd(::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, loaded.mode));
-        if (fd.get() < 0) {
-            if (errno == EEXIST && attempt < 10000) continue;
-            fail("cannot keep the damaged file as", aside, errno);
-        }
-        writeAll(fd.get(), loaded.bytes.data(), loaded.bytes.size(), aside);
-        if (::fsync(fd.get()) != 0 || fd.close() != 0) fail("cannot write", aside, errno);
+        struct stat st {};
+        if (::lstat(aside.c_str(), &st) == 0) continue;
+        std::string error;
+        if (!writeFileAtomically(aside, loaded.bytes, &error))
+            throw std::runtime_error("user defaults: cannot keep the damaged file: " + error);
         return;
     }
+    fail("cannot keep the damaged file beside", file, EEXIST);
 }
 
-void replaceFile(const std::string& file, plist_t dict, mode_t mode) {
-    char* data = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(dict, &data, &length);
-    if (!data) throw std::runtime_error("user defaults: cannot encode " + file);
-    std::unique_ptr<char, void (*)(char*)> encoded(data, plist_to_bin_free);
-
-    static std::atomic<uint64_t> counter{0};
-    const std::string temp =
-        file + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(counter.fetch_add(1));
-    Fd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (fd.get() < 0) fail("cannot create", temp, errno);
-    try {
-        writeAll(fd.get(), data, length, temp);
-        if (::fchmod(fd.get(), mode) != 0) fail("cannot set permissions of", temp, errno);
-        if (::fsync(fd.get()) != 0) fail("cannot sync", temp, errno);
-        if (fd.close() != 0) fail("cannot write", temp, errno);
-        if (::rename(temp.c_str(), file.c_str()) != 0) fail("cannot replace", file, errno);
-    } catch (...) {
-        ::unlink(temp.c_str());
-        throw;
-    }
-    syncFolder(std::filesystem::path(file).parent_path().string());
+void replaceFile(const std::string& file, plist_t dict) {
+    const auto encoded = plistToBinary(dict);
+    if (!encoded) throw std::runtime_error("user defaults: cannot encode " + file);
+    std::string error;
+    if (!writeFileAtomically(file, *encoded, &error)) throw std::runtime_error("user defaults: " + error);
 }
 
 // Runs `change` on the current dictionary under both locks and stores the result when it
@@ -235,11 +151,8 @@ void updateDomain(const std::string& file, const std::function<bool(plist_t)>& c
     }
 
     const std::string lockPath = file + ".lock";
-    Fd lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (lock.get() < 0) fail("cannot open", lockPath, errno);
-    while (::flock(lock.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) fail("cannot lock", lockPath, errno);
-    }
+    FileLock lock(lockPath);
+    if (!lock.locked()) fail("cannot lock", lockPath, lock.errorCode());
 
     LoadedDomain loaded = loadDomain(file);
     if (loaded.state == FileState::Unreadable) fail("cannot read", file, loaded.error);
@@ -247,8 +160,7 @@ void updateDomain(const std::string& file, const std::function<bool(plist_t)>& c
     if (!change(dict.get())) return;
 
     if (loaded.state == FileState::Corrupt) setCorruptFileAside(file, loaded);
-    replaceFile(file, dict.get(), loaded.state == FileState::Missing ? 0644 : loaded.mode);
-    // The flock goes with the descriptor when `lock` closes.
+    replaceFile(file, dict.get());
 }
 
 }  // namespace

@@ -23,6 +23,7 @@
 #include <asio/local/datagram_protocol.hpp>
 #include <asio/steady_timer.hpp>
 
+#include "core/Plist.h"
 #include "platform/linux/AsioRunLoop.h"
 #include "platform/linux/UnixMessagePorts.h"
 
@@ -61,13 +62,6 @@ void report(const std::string& name, const std::string& what) {
     std::fflush(stderr);
 }
 
-struct PlistDeleter {
-    void operator()(void* node) const {
-        if (node) plist_free(node);
-    }
-};
-using PlistHandle = std::unique_ptr<void, PlistDeleter>;
-
 // Names become folder names.
 bool isUsableName(const std::string& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
@@ -101,19 +95,8 @@ std::vector<char> encode(const std::string& name, const NotificationUserInfo& us
     for (const auto& [key, value] : userInfo) plist_dict_set_item(info, key.c_str(), plist_new_string(value.c_str()));
     plist_dict_set_item(root.get(), kUserInfoKey, info);
 
-    char* data = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(root.get(), &data, &length);
-    if (!data) return {};
-    std::vector<char> bytes(data, data + length);
-    plist_to_bin_free(data);
-    return bytes;
-}
-
-std::string stringValue(plist_t node) {
-    uint64_t length = 0;
-    const char* text = plist_get_string_ptr(node, &length);
-    return text ? std::string(text, static_cast<size_t>(length)) : std::string();
+    const auto bytes = plistToBinary(root.get());
+    return bytes ? std::vector<char>(bytes->begin(), bytes->end()) : std::vector<char>{};
 }
 
 struct Notification {
@@ -127,15 +110,13 @@ std::optional<Notification> decode(const uint8_t* data, size_t size) {
     static constexpr char kMagic[] = "bplist00";
     if (size < sizeof kMagic - 1 || size > kMaxPayload || std::memcmp(data, kMagic, sizeof kMagic - 1) != 0)
         return std::nullopt;
-    plist_t parsed = nullptr;
-    plist_from_bin(reinterpret_cast<const char*>(data), static_cast<uint32_t>(size), &parsed);
-    PlistHandle root(parsed);
-    if (!root || plist_get_node_type(root.get()) != PLIST_DICT) return std::nullopt;
+    PlistHandle root = parsePlist(std::string_view(reinterpret_cast<const char*>(data), size));
+    if (!isPlistDict(root.get())) return std::nullopt;
 
     plist_t nameNode = plist_dict_get_item(root.get(), kNameKey);
     if (!nameNode || plist_get_node_type(nameNode) != PLIST_STRING) return std::nullopt;
     Notification note;
-    note.name = stringValue(nameNode);
+    note.name = plistString(nameNode).value_or("");
 
     plist_t info = plist_dict_get_item(root.get(), kUserInfoKey);
     if (!info) return note;
@@ -151,7 +132,7 @@ std::optional<Notification> decode(const uint8_t* data, size_t size) {
             std::free(key);
             break;
         }
-        if (key && plist_get_node_type(value) == PLIST_STRING) note.userInfo[key] = stringValue(value);
+        if (key && plist_get_node_type(value) == PLIST_STRING) note.userInfo[key] = plistString(value).value_or("");
         std::free(key);
     }
     std::free(iter);

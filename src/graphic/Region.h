@@ -3,7 +3,7 @@
 // positions at which a colour pattern or a template lies wholly inside it.
 #include <cstdint>
 
-#include "graphic/surface.h"
+#include "graphic/Surface.h"
 
 namespace tw {
 

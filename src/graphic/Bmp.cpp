@@ -1,9 +1,10 @@
-#include "graphic/bmp.h"
+#include "graphic/Bmp.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -12,8 +13,10 @@
 #include <new>
 #include <vector>
 
-#include "library/FileManager.h"
+#include "core/AtomicFile.h"
+#include "core/Paths.h"
 #include "platform/Platform.h"
+#include "platform/UserInterface.h"
 
 namespace tw {
 
@@ -53,63 +56,32 @@ void makeHeader(uint8_t header[kBmpHeaderSize], uint32_t width, uint32_t height)
     put32(header + 42, kPixelsPerMetre);
 }
 
-bool writeAll(int fd, const uint8_t* data, size_t size) {
-    while (size > 0) {
-        const ssize_t written = ::write(fd, data, size);
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += written;
-        size -= static_cast<size_t>(written);
-    }
-    return true;
-}
-
-// Copies bytes [from, to) of `source` to the current position of `fd`.
-bool copyRange(int source, int fd, uint64_t from, uint64_t to) {
-    std::vector<uint8_t> chunk(64 * 1024);
-    while (from < to) {
-        const size_t want = static_cast<size_t>(std::min<uint64_t>(chunk.size(), to - from));
-        const ssize_t got = ::pread(source, chunk.data(), want, static_cast<off_t>(from));
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return false;
-        if (!writeAll(fd, chunk.data(), static_cast<size_t>(got))) return false;
-        from += static_cast<uint64_t>(got);
-    }
-    return true;
-}
-
 // Writes the picture to a temporary file beside `path`, followed by whatever an older, longer
 // file holds beyond the picture's end, and moves it over `path`, keeping the older file's
-// permissions. False, with `path` untouched, when any of that fails (an unwritable folder, a
-// path that is not a plain file).
+// permissions. False, with `path` untouched, when that cannot be done (an unwritable folder, a
+// path that is a link or no plain file).
 bool replaceFile(const std::string& path, const uint8_t* header, const uint8_t* pixels, size_t pixelBytes) {
     struct stat old {};
-    const bool exists = ::lstat(path.c_str(), &old) == 0;
-    if (!exists && errno != ENOENT) return false;
-    if (exists && !S_ISREG(old.st_mode)) return false;
+    if (::lstat(path.c_str(), &old) == 0 ? !S_ISREG(old.st_mode) : errno != ENOENT) return false;
+    AtomicFileWriter file(path);
+    return file.write(header, kBmpHeaderSize) && file.write(pixels, pixelBytes) && file.keepOldTail() &&
+           file.commit();
+}
 
-    const size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    if (name.empty()) return false;
-    std::string temp = folder + (folder.back() == '/' ? "." : "/.") + name + ".XXXXXX";
-    const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
+// Overwrites the start of the file where it is (creating it when missing), as a folder that takes
+// no new files or a link leaves no other way.
+bool overwriteInPlace(const char* path, const uint8_t* header, const uint8_t* pixels, size_t pixelBytes) {
+    const int fd = ::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) return false;
-
-    bool ok = ::fchmod(fd, exists ? (old.st_mode & 07777) : 0644) == 0;
-    ok = ok && writeAll(fd, header, kBmpHeaderSize) && (pixelBytes == 0 || writeAll(fd, pixels, pixelBytes));
-    const uint64_t newSize = kBmpHeaderSize + static_cast<uint64_t>(pixelBytes);
-    if (ok && exists && static_cast<uint64_t>(old.st_size) > newSize) {
-        const int source = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        ok = source >= 0 && copyRange(source, fd, newSize, static_cast<uint64_t>(old.st_size));
-        if (source >= 0) ::close(source);
+    // Short writes are not looked at, as with any screenshot written in place.
+    [[maybe_unused]] ssize_t ignored = ::write(fd, header, kBmpHeaderSize);
+    for (size_t done = 0; done < pixelBytes;) {
+        const ssize_t n = ::write(fd, pixels + done, pixelBytes - done);
+        if (n <= 0) break;
+        done += static_cast<size_t>(n);
     }
-    if (::close(fd) != 0) ok = false;
-    if (ok && ::rename(temp.c_str(), path.c_str()) != 0) ok = false;
-    if (!ok) ::unlink(temp.c_str());
-    return ok;
+    ::close(fd);
+    return true;
 }
 
 // Float to integer by truncation toward zero, saturating instead of overflowing.
@@ -128,66 +100,59 @@ int save_bmp(const char* path, const uint8_t* pixels, uint32_t width, uint32_t h
     uint8_t header[kBmpHeaderSize];
     makeHeader(header, width, height);
     const size_t pixelBytes = pixels ? static_cast<size_t>(width) * height * 4 : 0;
-    if (replaceFile(path, header, pixels, pixelBytes)) return 0;
-
-    // Where the file cannot be replaced (a folder that takes no new files, a link), it is
-    // overwritten where it is.
-    const int fd = ::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        graphic_trace("create image file failed");
-        return -1;
-    }
-    writeAll(fd, header, kBmpHeaderSize);
-    if (pixelBytes) writeAll(fd, pixels, pixelBytes);
-    ::close(fd);
-    return 0;
+    if (replaceFile(path, header, pixels, pixelBytes) || overwriteInPlace(path, header, pixels, pixelBytes)) return 0;
+    graphic_trace("create image file failed");
+    return -1;
 }
 
 std::unique_ptr<uint8_t[]> read_file(const char* path, size_t* size) {
     if (size) *size = 0;
-    FILE* file = path ? std::fopen(path, "rb") : nullptr;
-    struct stat st {};
-    if (file && (::fstat(::fileno(file), &st) != 0 || !S_ISREG(st.st_mode))) {
-        std::fclose(file);
-        file = nullptr;
-    }
-    if (!file) {
+    const auto bytes = path ? readWholeFile(path) : std::nullopt;
+    if (!bytes) {
         std::fprintf(stderr, "Unable to open file %s\n", path ? path : "(null)");
         return nullptr;
     }
-    std::fseek(file, 0, SEEK_END);
-    const long length = std::ftell(file);
-    std::rewind(file);
-    std::unique_ptr<uint8_t[]> block(length >= 0 ? new (std::nothrow) uint8_t[static_cast<size_t>(length) + 1]
-                                                 : nullptr);
+    std::unique_ptr<uint8_t[]> block(new (std::nothrow) uint8_t[bytes->size() + 1]);
     if (!block) {
         std::fprintf(stderr, "Memory error!\n");
-        std::fclose(file);
         return nullptr;
     }
-    const size_t got = std::fread(block.get(), 1, static_cast<size_t>(length), file);
-    std::fclose(file);
-    if (size) *size = got;
+    std::memcpy(block.get(), bytes->data(), bytes->size());
+    if (size) *size = bytes->size();
     return block;
+}
+
+std::optional<bmp_header_t> read_bmp_header(const uint8_t* bytes, size_t size) {
+    if (!bytes || size < kBmpHeaderSize) return std::nullopt;
+    bmp_header_t header;
+    header.signature[0] = static_cast<char>(bytes[0]);
+    header.signature[1] = static_cast<char>(bytes[1]);
+    header.pixelOffset = get32(bytes + 10);
+    header.infoSize = get32(bytes + 14);
+    header.width = static_cast<int32_t>(get32(bytes + 18));
+    header.height = static_cast<int32_t>(get32(bytes + 22));
+    header.bitsPerPixel = static_cast<uint16_t>(bytes[28] | bytes[29] << 8);
+    header.compression = get32(bytes + 30);
+    return header;
 }
 
 int read_bmp(const char* path, image_t* out) {
     *out = image_t{};
     size_t size = 0;
     auto block = read_file(path, &size);
-    if (!block || size < kBmpHeaderSize) return 0;
-    const auto width = static_cast<int32_t>(get32(block.get() + 18));
-    const auto height = static_cast<int32_t>(get32(block.get() + 22));
-    const uint32_t pixelOffset = get32(block.get() + 10);
-    if (width <= 0 || height <= 0 || pixelOffset > size) return 0;
-    if (static_cast<uint64_t>(width) * static_cast<uint64_t>(height) * 4 > size - kBmpHeaderSize) return 0;
+    const auto header = read_bmp_header(block.get(), size);
+    // Templates are taken as 32-bit pictures with their rows at byte 54, whatever the headers say
+    // of that; only sizes that do not fit the file are refused.
+    if (!header || header->width <= 0 || header->height <= 0 || header->pixelOffset > size) return 0;
+    if (static_cast<uint64_t>(header->width) * static_cast<uint64_t>(header->height) * 4 > size - kBmpHeaderSize)
+        return 0;
 
     std::shared_ptr<const uint8_t[]> buffer(block.release());
     out->kind = kImageBottomRowFirst;
     out->data = buffer.get() + kBmpHeaderSize;
     out->buffer = std::move(buffer);
-    out->width = static_cast<uint32_t>(width);
-    out->height = static_cast<uint32_t>(height);
+    out->width = static_cast<uint32_t>(header->width);
+    out->height = static_cast<uint32_t>(header->height);
     out->bytesPerPixel = 4;
     out->bytesPerRow = out->width * 4;
     std::memcpy(out->format, "BGRA", 4);
@@ -247,7 +212,7 @@ void takeCurrentScreenshot() {
     localtime_r(&now, &local);
     char stamp[64];
     std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-    const std::string path = FileManager::rootPath() + "/" + stamp + ".bmp";
+    const std::string path = Paths::scriptsDir() + "/" + stamp + ".bmp";
     screenshot(path.c_str(), nullptr);
 }
 

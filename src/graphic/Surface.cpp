@@ -1,4 +1,4 @@
-#include "graphic/surface.h"
+#include "graphic/Surface.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "core/LogToFile.h"
+#include "platform/DeviceInfo.h"
+#include "platform/Display.h"
 #include "platform/Platform.h"
 
 namespace tw {

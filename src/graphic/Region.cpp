@@ -1,4 +1,4 @@
-#include "graphic/region.h"
+#include "graphic/Region.h"
 
 namespace tw {
 

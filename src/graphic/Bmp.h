@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "graphic/region.h"
-#include "graphic/surface.h"
+#include "graphic/Region.h"
+#include "graphic/Surface.h"
 
 namespace tw {
 
@@ -27,6 +27,21 @@ int save_bmp(const char* path, const uint8_t* pixels, uint32_t width, uint32_t h
 // length in `size`. nullptr when it cannot be opened ("Unable to open file <path>" on standard
 // error) or memory runs out ("Memory error!").
 std::unique_ptr<uint8_t[]> read_file(const char* path, size_t* size = nullptr);
+
+// The fields of a BMP file's headers, little-endian at their fixed offsets.
+struct bmp_header_t {
+    char signature[2];      // byte 0: "BM"
+    uint32_t pixelOffset;   // byte 10
+    uint32_t infoSize;      // byte 14: 40 or more
+    int32_t width;          // byte 18
+    int32_t height;         // byte 22: positive for rows bottom first, negative for rows top first
+    uint16_t bitsPerPixel;  // byte 28
+    uint32_t compression;   // byte 30: 0 none, 3 bit fields
+};
+
+// The headers at the start of `bytes`, as they stand (nothing is checked); nullopt when there are
+// fewer than 54 bytes. Every reader of BMP files starts here.
+std::optional<bmp_header_t> read_bmp_header(const uint8_t* bytes, size_t size);
 
 // Reads a BMP for matching into `out`: kind 2, the pixels from byte 54, width and height from
 // bytes 18 and 22, four bytes a pixel, "BGRA". The signature, bit depth and compression are not

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "graphic/region.h"
-#include "graphic/surface.h"
+#include "graphic/Region.h"
+#include "graphic/Surface.h"
 
 namespace tw {
 

@@ -1,4 +1,4 @@
-#include "graphic/graphic.h"
+#include "graphic/Graphic.h"
 
 #include <algorithm>
 #include <atomic>
@@ -6,7 +6,7 @@
 #include <limits>
 #include <new>
 
-#include "graphic/bmp.h"
+#include "graphic/Bmp.h"
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>

@@ -1,0 +1,166 @@
+#pragma once
+// Test doubles of the platform seams: each records what the engine asks of it and answers from
+// fields a test sets. Tests install them with Platform::install() or into Platform::current().
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/AppService.h"
+#include "platform/AudioPlayer.h"
+#include "platform/BundleInfo.h"
+#include "platform/Clock.h"
+#include "platform/DeviceInfo.h"
+#include "platform/Pasteboard.h"
+#include "platform/UserDefaults.h"
+
+namespace tw::test {
+
+// Players that write what is done to them into one shared journal, as "<action> <file>".
+class FakeAudioService : public AudioService {
+public:
+    class Player : public AudioPlayer {
+    public:
+        Player(FakeAudioService& owner, std::string file) : owner_(owner), file_(std::move(file)) {}
+        ~Player() override { note("release"); }
+        void setNumberOfLoops(int32_t loops) override { note("loops " + std::to_string(loops)); }
+        bool play() override {
+            playing_ = true;
+            note("play");
+            return true;
+        }
+        void pause() override {
+            playing_ = false;
+            note("pause");
+        }
+        void stop() override {
+            playing_ = false;
+            note("stop");
+        }
+        bool isPlaying() const override { return playing_ && !owner_.soundsEnded; }
+
+    private:
+        void note(const std::string& action) { owner_.journal.push_back(action + " " + file_); }
+        FakeAudioService& owner_;
+        std::string file_;
+        bool playing_ = false;
+    };
+
+    std::unique_ptr<AudioPlayer> createPlayer(const std::string& path) override {
+        journal.push_back("create " + path);
+        if (path.find("broken") != std::string::npos) return nullptr;
+        return std::make_unique<Player>(*this, path);
+    }
+
+    std::vector<std::string> take() {
+        auto out = std::move(journal);
+        journal.clear();
+        return out;
+    }
+
+    std::vector<std::string> journal;
+    bool soundsEnded = false;  // every sound has reached its end
+};
+
+class FakeAppService : public AppService {
+public:
+    bool launchApplication(const std::string& id, bool suspended) override {
+        calls.push_back("launch " + id + (suspended ? " suspended" : ""));
+        return apps.count(id) > 0;
+    }
+    std::optional<ApplicationRecord> applicationWithDisplayIdentifier(const std::string& id) override {
+        calls.push_back("display " + id);
+        return find(id);
+    }
+    std::optional<ApplicationRecord> applicationWithBundleIdentifier(const std::string& id) override {
+        calls.push_back("bundle " + id);
+        return find(id);
+    }
+    void sendSignal(int pid, int signal) override {
+        calls.push_back("signal " + std::to_string(pid) + " " + std::to_string(signal));
+    }
+    std::vector<AppRecord> installedApps() override { return installed; }
+
+    std::map<std::string, ApplicationRecord> apps;
+    std::vector<AppRecord> installed;
+    std::vector<std::string> calls;
+
+private:
+    std::optional<ApplicationRecord> find(const std::string& id) const {
+        auto it = apps.find(id);
+        if (it == apps.end()) return std::nullopt;
+        return it->second;
+    }
+};
+
+class FakePasteboard : public Pasteboard {
+public:
+    std::optional<std::string> string() const override { return text; }
+    void setString(const std::string& value) override { text = value; }
+    std::optional<std::string> text;
+};
+
+class FakeBundleInfo : public BundleInfo {
+public:
+    std::optional<std::string> infoDictionaryString(const std::string& id, const std::string& key) const override {
+        auto it = values.find(id + "/" + key);
+        if (it == values.end()) return std::nullopt;
+        return it->second;
+    }
+    std::map<std::string, std::string> values;  // "<bundle id>/<key>" -> value
+};
+
+// Device facts a test sets field by field; the defaults are those of a 375 x 667 phone at scale 2
+// on system 9.3.
+class FakeDeviceInfo : public DeviceInfo {
+public:
+    std::string mainBundleIdentifier() const override { return bundleId; }
+    std::string systemVersion() const override { return version; }
+    double coreFoundationVersionNumber() const override { return cfVersion; }
+    double screenWidthPoints() const override { return width; }
+    double screenHeightPoints() const override { return height; }
+    double screenScale() const override { return scale; }
+    int orientation() const override { return orientationValue; }
+    std::string serialNumber() const override { return serial; }
+    std::vector<std::string> preferredLanguages() const override { return languages; }
+
+    std::string bundleId = "com.apple.springboard";
+    std::string version = "9.3";
+    double cfVersion = 1242.13;
+    double width = 375, height = 667, scale = 2;
+    int orientationValue = 1;
+    std::string serial = "TW0000000001";
+    std::vector<std::string> languages{"en"};
+};
+
+// A defaults domain in memory.
+class MemoryDefaults : public UserDefaults {
+public:
+    std::optional<DefaultsValue> objectForKey(const std::string& key) override {
+        auto it = values.find(key);
+        if (it == values.end()) return std::nullopt;
+        return it->second;
+    }
+    void setObject(const std::string& key, const DefaultsValue& value) override { values[key] = value; }
+    void removeObjectForKey(const std::string& key) override { values.erase(key); }
+    std::map<std::string, DefaultsValue> values;
+};
+
+// Records every sleep; a hook may act on it (from the sleeping thread). Nothing really sleeps.
+class FakeSleeper : public Sleeper {
+public:
+    void sleepMicroseconds(uint64_t microseconds) override;
+    std::vector<uint64_t> sleeps() const;
+    void setHook(std::function<void(uint64_t)> hook);
+    void clear();
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<uint64_t> sleeps_;
+    std::function<void(uint64_t)> hook_;
+};
+
+}  // namespace tw::test
