@@ -10,7 +10,11 @@ struct CommonOptions {
     std::string root;  // empty: the default device root
 };
 
-// A subcommand and what it does once chosen (the process's exit status).
+// The device root of the options (made when missing), as an absolute path.
+std::string deviceRoot(const CommonOptions& common);
+
+// A subcommand and what it does once chosen (the process's exit status). A failure is thrown as a
+// tw::Failure (or any std::exception) and reported by main() as one line on stderr.
 struct Command {
     CLI::App* sub;
     std::function<int()> action;

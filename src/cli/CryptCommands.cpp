@@ -3,10 +3,10 @@
 #include <filesystem>
 
 #include "cli/Commands.h"
+#include "core/Diagnostics.h"
 #include "core/Paths.h"
 #include "library/Encrypt.h"
 #include "library/FileManager.h"
-#include "platform/linux/LinuxPlatform.h"
 
 namespace fs = std::filesystem;
 
@@ -29,52 +29,41 @@ constexpr const char* kFormatNote =
 std::string locate(const CommonOptions& common, const std::string& file) {
     std::error_code ec;
     if (!file.empty() && file.front() == '/') {
-        Paths::setRoot(common.root.empty() ? linuxp::defaultDeviceRoot() : common.root);
+        Paths::setRoot(deviceRoot(common));
         const std::string inLibrary = FileManager::fullPathOfFile(file);
         if (fs::is_regular_file(inLibrary, ec)) return inLibrary;
     }
     return file;
 }
 
-bool requireFile(const std::string& path, const std::string& given) {
+void requireFile(const std::string& path, const std::string& given) {
     std::error_code ec;
-    if (fs::is_regular_file(path, ec)) return true;
-    std::fprintf(stderr, "tapwright: no file '%s'\n", given.c_str());
-    return false;
+    if (!fs::is_regular_file(path, ec)) fail("no file '" + given + "'");
 }
 
 int encrypt(const CommonOptions& common, const CryptOptions& options) {
     const std::string path = locate(common, options.file);
-    if (!requireFile(path, options.file)) return 1;
-    if (CryptError e = Encrypt::encryptWithSemaphore(path, options.password); e != CryptError::none) {
-        std::fprintf(stderr, "tapwright: cannot encrypt %s: %s\n", path.c_str(), describeCryptError(e));
-        return 1;
-    }
+    requireFile(path, options.file);
+    if (CryptError e = Encrypt::encryptWithSemaphore(path, options.password); e != CryptError::none)
+        fail("cannot encrypt " + path + ": " + describeCryptError(e));
     std::printf("%s\n", Encrypt::encryptedPathOf(path).c_str());
     return 0;
 }
 
 int decrypt(const CommonOptions& common, const CryptOptions& options) {
     const std::string path = locate(common, options.file);
-    if (!requireFile(path, options.file)) return 1;
+    requireFile(path, options.file);
 
     std::string out = options.out;
     if (out.empty()) {
-        if (path.size() <= 2 || path.compare(path.size() - 2, 2, ".e") != 0) {
-            std::fprintf(stderr, "tapwright: %s does not end in .e; name the output with --out\n", path.c_str());
-            return 1;
-        }
+        if (path.size() <= 2 || path.compare(path.size() - 2, 2, ".e") != 0)
+            fail(path + " does not end in .e; name the output with --out");
         out = path.substr(0, path.size() - 2);
         std::error_code ec;
-        if (fs::exists(out, ec)) {
-            std::fprintf(stderr, "tapwright: %s exists; name the output with --out to replace it\n", out.c_str());
-            return 1;
-        }
+        if (fs::exists(out, ec)) fail(out + " exists; name the output with --out to replace it");
     }
-    if (CryptError e = Encrypt::decryptWithSemaphore(path, options.password, out); e != CryptError::none) {
-        std::fprintf(stderr, "tapwright: cannot decrypt %s: %s\n", path.c_str(), describeCryptError(e));
-        return 1;
-    }
+    if (CryptError e = Encrypt::decryptWithSemaphore(path, options.password, out); e != CryptError::none)
+        fail("cannot decrypt " + path + ": " + describeCryptError(e));
     std::printf("%s\n", out.c_str());
     return 0;
 }

@@ -1,18 +1,9 @@
 // tapwright hardware: a person's fingers and buttons on a running device, as real input.
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cstddef>
-#include <cstdio>
-#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "cli/Commands.h"
-#include "cli/DeviceAccess.h"
-#include "device/RoleProcess.h"
-#include "device/VirtualHidSystem.h"
-#include "platform/linux/UnixMessagePorts.h"
+#include "core/Diagnostics.h"
+#include "roles/DeviceAccess.h"
 
 namespace tw::cli {
 
@@ -28,17 +19,6 @@ struct HardwareOptions {
     bool upOnly = false;
 };
 
-bool sendHardwareLine(const std::string& root, const std::string& line) {
-    sockaddr_un addr{};
-    const socklen_t len = linuxp::abstractSocketAddress(device::hardwareSocketPath(device::runDir(root)), addr);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    bool ok = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0;
-    const std::string data = line + "\n";
-    ok = ok && send(fd, data.data(), data.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(data.size());
-    if (fd >= 0) close(fd);
-    return ok;
-}
-
 int64_t buttonUsage(const std::string& button) {
     if (button == "home") return 0x40;
     if (button == "power") return 0x30;
@@ -51,13 +31,9 @@ int64_t buttonUsage(const std::string& button) {
 }
 
 int sendLines(const CommonOptions& common, const std::vector<nlohmann::json>& lines) {
-    const std::string root = deviceRoot(common);
-    for (const auto& line : lines) {
-        if (!sendHardwareLine(root, line.dump())) {
-            std::fprintf(stderr, "tapwright: no device runs on %s (start one with `tapwright device`)\n", root.c_str());
-            return 1;
-        }
-    }
+    std::vector<std::string> text;
+    for (const auto& line : lines) text.push_back(line.dump());
+    roles::sendHardwareInput(deviceRoot(common), text);
     return 0;
 }
 
@@ -94,8 +70,7 @@ Command addHardwareCommand(CLI::App& app, CommonOptions& common) {
                 try {
                     usage = buttonUsage(options->button);
                 } catch (const std::exception&) {
-                    std::fprintf(stderr, "tapwright: unknown button '%s'\n", options->button.c_str());
-                    return 2;
+                    fail("unknown button '" + options->button + "'", 2);
                 }
                 auto line = [&](bool down) {
                     return nlohmann::json{{"kind", "button"}, {"usage", usage}, {"usagePage", options->usagePage}, {"down", down}};

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "cli/Commands.h"
-#include "cli/DeviceAccess.h"
+#include "core/Diagnostics.h"
 #include "core/Paths.h"
 #include "library/FileManager.h"
 #include "store/DataManager.h"
@@ -26,8 +26,7 @@ constexpr const char* kPathNote =
 // Points the engine at the device's library and makes sure its folders and tables are there.
 void openLibrary(const CommonOptions& common) {
     Paths::setRoot(deviceRoot(common));
-    if (!FileManager::prepareDirectories())
-        throw std::runtime_error("cannot create the library folders under " + Paths::root());
+    if (!FileManager::prepareDirectories()) fail("cannot create the library folders under " + Paths::root());
     DataManager::initDb();
 }
 
@@ -47,16 +46,17 @@ std::string libraryPath(const std::string& typed) {
     return path;
 }
 
-int failed(const std::string& what, const std::string& description) {
-    std::fprintf(stderr, "tapwright: %s: %s\n", what.c_str(), description.c_str());
-    return 1;
+[[noreturn]] void failed(const std::string& what, const std::string& description) {
+    fail(what + ": " + description);
 }
 
 // Runs one file operation and turns its callbacks into an exit status.
 template <typename Operation>
 int runOperation(const std::string& what, Operation operation) {
     int status = 1;
-    operation([&] { status = 0; }, [&](const Error& error) { status = failed(what, error.description); });
+    std::optional<Error> failure;
+    operation([&] { status = 0; }, [&](const Error& error) { failure = error; });
+    if (failure) failed(what, failure->description);
     return status;
 }
 
@@ -64,12 +64,12 @@ int list(const LibraryOptions& options) {
     std::string folder = "/";
     if (options.path.find_first_not_of('/') != std::string::npos) {
         folder = libraryPath(options.path);
-        if (folder.empty()) return failed(options.path, "Invalid file path.");
+        if (folder.empty()) failed(options.path, "Invalid file path.");
     }
     FileManager manager;
     std::optional<Error> error;
     const auto entries = manager.loadFiles(folder, &error);
-    if (error) return failed(folder, error->description);
+    if (error) failed(folder, error->description);
     for (const auto& entry : entries) {
         const bool isFolder = FileManager::fileIsDirectory(entry);
         const std::string shown = isFolder ? entry + "/" : entry;
@@ -93,7 +93,7 @@ int list(const LibraryOptions& options) {
 template <typename Operation>
 int onPath(const std::string& typed, Operation operation) {
     const std::string path = libraryPath(typed);
-    if (path.empty()) return failed(typed, "Invalid file path.");
+    if (path.empty()) failed(typed, "Invalid file path.");
     return operation(path);
 }
 
@@ -168,15 +168,12 @@ Command addLibraryCommand(CLI::App& app, CommonOptions& common) {
                     });
                 if (cat->parsed())
                     return onPath(options->path, [](const std::string& path) {
-                        int status = 1;
+                        std::optional<Error> failure;
                         FileManager::readFile(
-                            path,
-                            [&](const std::string& text) {
-                                std::fwrite(text.data(), 1, text.size(), stdout);
-                                status = 0;
-                            },
-                            [&](const Error& error) { status = failed(path, error.description); });
-                        return status;
+                            path, [&](const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); },
+                            [&](const Error& error) { failure = error; });
+                        if (failure) failed(path, failure->description);
+                        return 0;
                     });
                 return 1;
             }};

@@ -1,24 +1,9 @@
-// tapwright screen set: the picture on a device's virtual display.
-#include <cstdio>
-#include <filesystem>
-
+// tapwright screen set and tapwright screenshot: what the device's virtual display shows.
 #include "cli/Commands.h"
-#include "cli/DeviceAccess.h"
-#include "device/ImageFile.h"
-#include "device/RoleProcess.h"
-#include "device/VirtualDisplay.h"
-#include "graphic/Bmp.h"
-#include "platform/linux/LinuxPlatform.h"
-#include "ui/ConsoleUserInterface.h"
+#include "roles/DeviceAccess.h"
+#include "roles/ProcessWiring.h"
 
 namespace tw::cli {
-
-void showPicture(const std::string& root, const device::Picture& picture) {
-    std::string error;
-    auto framebuffer = device::Framebuffer::open(device::runDir(root), &error);
-    if (!framebuffer) throw std::runtime_error(error);
-    framebuffer->show(picture);
-}
 
 Command addScreenCommand(CLI::App& app, CommonOptions& common) {
     auto image = std::make_shared<std::string>();
@@ -29,8 +14,7 @@ Command addScreenCommand(CLI::App& app, CommonOptions& common) {
     set->add_option("image", *image, "Picture file")->required()->check(CLI::ExistingFile);
     set->add_option("--root", common.root, "Device root folder");
     return {sub, [&common, image]() -> int {
-                const auto picture = device::loadPicture(*image);
-                showPicture(deviceRoot(common), picture);
+                roles::showPicture(deviceRoot(common), roles::loadPictureFile(*image));
                 return 0;
             }};
 }
@@ -44,17 +28,7 @@ Command addScreenshotCommand(CLI::App& app, CommonOptions& common) {
     sub->add_option("--root", common.root, "Device root folder");
     sub->add_option("--profile", *profile, "Device profile of the screen's geometry")->capture_default_str();
     return {sub, [&common, out, profile]() -> int {
-                linuxp::ProcessSetup setup;
-                setup.root = deviceRoot(common);
-                setup.profile = linuxp::loadDeviceProfile(linuxp::profilePath(*profile));
-                setup.ui = std::make_shared<ConsoleUserInterface>();
-                const std::string target = std::filesystem::absolute(*out).string();
-                linuxp::installProcess(setup);
-                if (screenshot(target.c_str(), nullptr) != 1) {
-                    std::fprintf(stderr, "tapwright: cannot save a screenshot to %s (does a device run on %s?)\n",
-                                 target.c_str(), setup.root.c_str());
-                    return 1;
-                }
+                roles::saveScreenshot(deviceRoot(common), roles::loadProfile(*profile), *out);
                 return 0;
             }};
 }

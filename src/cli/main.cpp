@@ -1,8 +1,15 @@
 // tapwright: plays Lua touch-automation scripts on a virtual device.
-#include <cstdio>
 #include <exception>
 
 #include "cli/Commands.h"
+#include "core/Diagnostics.h"
+#include "roles/DeviceAccess.h"
+
+namespace tw::cli {
+
+std::string deviceRoot(const CommonOptions& common) { return roles::prepareDeviceRoot(common.root); }
+
+}  // namespace tw::cli
 
 int main(int argc, char** argv) {
     CLI::App app{"tapwright: touch automation with Lua scripts, on a virtual device"};
@@ -28,11 +35,15 @@ int main(int argc, char** argv) {
         return app.exit(e);
     }
 
+    // Every failure of a command ends here, as one line and an exit status.
     try {
         for (const auto& command : commands)
             if (command.sub->parsed()) return command.action();
+    } catch (const tw::Failure& e) {
+        tw::diagnostic("%s", e.what());
+        return e.status();
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "tapwright: %s\n", e.what());
+        tw::diagnostic("%s", e.what());
         return 1;
     }
     return 1;

@@ -135,4 +135,16 @@ void HidHubClient::markClosed() {
     ::shutdown(fd_, SHUT_RDWR);
 }
 
+bool sendHardwareInput(const std::string& runDir, const std::string& jsonLine) {
+    sockaddr_un address{};
+    const socklen_t length = linuxp::abstractSocketAddress(hardwareSocketPath(runDir), address);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    const std::string data = jsonLine + "\n";
+    const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
+                    ::send(fd, data.data(), data.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(data.size());
+    ::close(fd);
+    return ok;
+}
+
 }  // namespace tw::device

@@ -40,4 +40,8 @@ private:
     size_t rxScanned_ = 0;  // rx_ bytes before this hold no newline past rxStart_
 };
 
+// Sends one JSON line of hardware input (a person's finger or button, see VirtualHidSystem.h) to
+// the device whose run folder is `runDir`. False when no device listens there.
+bool sendHardwareInput(const std::string& runDir, const std::string& jsonLine);
+
 }  // namespace tw::device

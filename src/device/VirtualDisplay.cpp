@@ -10,6 +10,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "core/AtomicFile.h"
+
 namespace tw::device {
 
 namespace {
@@ -72,26 +74,16 @@ std::unique_ptr<Framebuffer> Framebuffer::create(const std::string& runDir, uint
         return existing;  // a restarted role keeps the picture it had
     std::error_code ec;
     std::filesystem::create_directories(runDir, ec);
-    const std::string path = displayPath(runDir);
-    const std::string temp = path + ".new";
-    const int fd = ::open(temp.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        if (error) *error = "cannot create " + path + ": " + std::strerror(errno);
-        return nullptr;
-    }
     Header header{};
     std::memcpy(header.magic, kMagic, 8);
     header.width = width;
     header.height = height;
     header.bytesPerRow = width * 4;
     const uint64_t size = kDisplayHeaderSize + static_cast<uint64_t>(header.bytesPerRow) * height;
-    // A fresh file reads as zeros: a black screen.
-    const bool ok = ftruncate(fd, static_cast<off_t>(size)) == 0 &&
-                    pwrite(fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header);
-    ::close(fd);
-    if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
-        if (error) *error = "cannot create " + path + ": " + std::strerror(errno);
-        ::unlink(temp.c_str());
+    // A fresh file reads as zeros past its header: a black screen.
+    AtomicFileWriter file(displayPath(runDir));
+    if (!file.write(&header, sizeof header) || !file.extendTo(size) || !file.commit()) {
+        if (error) *error = file.error();
         return nullptr;
     }
     auto fb = open(runDir, error);

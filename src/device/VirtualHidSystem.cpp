@@ -1,4 +1,5 @@
 #include "device/VirtualHidSystem.h"
+#include "core/Diagnostics.h"
 
 #include <asio/local/stream_protocol.hpp>
 #include <asio/steady_timer.hpp>
@@ -22,6 +23,7 @@
 
 #include "device/EventTrace.h"
 #include "platform/linux/AsioRunLoop.h"
+#include "platform/linux/OutgoingQueue.h"
 #include "platform/linux/UnixMessagePorts.h"
 
 namespace tw::device {
@@ -39,8 +41,7 @@ using Acceptor = asio::local::stream_protocol::acceptor;
 constexpr int kMaxJsonDepth = 64;
 
 void report(const std::string& what) {
-    std::fprintf(stderr, "tapwright: hid: %s\n", what.c_str());
-    std::fflush(stderr);
+    diagnostic("hid: %s", what.c_str());
 }
 
 bool nestingWithin(std::string_view text, int limit) {
@@ -142,10 +143,7 @@ public:
         size_t scanned = 0;  // inbox bytes already known to hold no newline
         bool subscriber = false;
         // Outgoing trace lines of a subscriber: the buffer being written and the lines behind it.
-        std::string writing;
-        size_t writeOffset = 0;
-        std::string pending;
-        bool writeInFlight = false;
+        linuxp::OutgoingQueue outgoing;
     };
     using ConnectionPtr = std::shared_ptr<Connection>;
 
@@ -375,29 +373,18 @@ public:
     // Queues a line for a subscriber; false when the subscriber fell too far behind and was closed.
     bool queueLine(const ConnectionPtr& connection, const std::string& line) {
         if (connection->closed) return false;
-        const size_t backlog = connection->writing.size() - connection->writeOffset + connection->pending.size();
-        if (backlog + line.size() + 1 > kMaxSubscriberBacklog) {
+        if (connection->outgoing.backlog() + line.size() + 1 > kMaxSubscriberBacklog) {
             report("dropping a hub subscriber that stopped reading");
             close(connection);
             return false;
         }
-        if (connection->writeInFlight) {
-            connection->pending.append(line);
-            connection->pending.push_back('\n');
-            return true;
-        }
-        connection->writing.assign(line);
-        connection->writing.push_back('\n');
-        connection->writeOffset = 0;
-        connection->writeInFlight = true;
-        startWrite(connection);
+        if (connection->outgoing.push(line, "\n")) startWrite(connection);
         return true;
     }
 
     void startWrite(const ConnectionPtr& connection) {
         connection->socket.async_write_some(
-            asio::buffer(connection->writing.data() + connection->writeOffset,
-                         connection->writing.size() - connection->writeOffset),
+            asio::buffer(connection->outgoing.data(), connection->outgoing.size()),
             [self = shared_from_this(), connection](const asio::error_code& error, size_t count) {
                 self->wrote(connection, error, count);
             });
@@ -409,19 +396,7 @@ public:
             close(connection);
             return;
         }
-        connection->writeOffset += count;
-        if (connection->writeOffset < connection->writing.size()) {
-            startWrite(connection);
-            return;
-        }
-        connection->writing.clear();
-        connection->writeOffset = 0;
-        if (connection->pending.empty()) {
-            connection->writeInFlight = false;
-            return;
-        }
-        connection->writing.swap(connection->pending);
-        startWrite(connection);
+        if (connection->outgoing.wrote(count)) startWrite(connection);
     }
 
     // --- Hardware input ----------------------------------------------------------------------
@@ -468,10 +443,7 @@ public:
     hid::HidEvent handEvent() {
         using namespace hid;
         const uint64_t t = absoluteTime();
-        HidEvent hand = createDigitizerEvent(t, kTransducerTypeHand, 0, 1, 0, 0, 0, 0, 0, 0, 0, false, false, 0);
-        hand.setIntegerValue(kFieldDigitizerIsDisplayIntegrated, 1);
-        hand.setIntegerValue(kFieldIsBuiltIn, 1);
-        hand.setSenderID(kHardwareDigitizerSenderID);
+        HidEvent hand = createDisplayHandEvent(t, kHardwareDigitizerSenderID);
 
         uint32_t mask = 0;
         bool anyActive = false;

@@ -77,10 +77,7 @@ void HidInjector::handleSync() {
     fillScreenMetrics();
     const uint64_t t = absoluteTime();
 
-    HidEvent hand = createDigitizerEvent(t, kTransducerTypeHand, 0, 1, 0, 0, 0, 0, 0, 0, 0, false, false, 0);
-    hand.setIntegerValue(kFieldDigitizerIsDisplayIntegrated, 1);
-    hand.setIntegerValue(kFieldIsBuiltIn, 1);
-    hand.setSenderID(kDigitizerSenderID);
+    HidEvent hand = createDisplayHandEvent(t, kDigitizerSenderID);
 
     uint32_t parentMask = 0;
     bool parentRange = false;

@@ -59,6 +59,15 @@ HidEvent createDigitizerFingerEvent(uint64_t timestamp, uint32_t index, uint32_t
     return e;
 }
 
+HidEvent createDisplayHandEvent(uint64_t timestamp, uint64_t senderId) {
+    HidEvent hand =
+        createDigitizerEvent(timestamp, kTransducerTypeHand, 0, 1, 0, 0, 0, 0, 0, 0, 0, false, false, 0);
+    hand.setIntegerValue(kFieldDigitizerIsDisplayIntegrated, 1);
+    hand.setIntegerValue(kFieldIsBuiltIn, 1);
+    hand.setSenderID(senderId);
+    return hand;
+}
+
 HidEvent createKeyboardEvent(uint64_t timestamp, uint32_t usagePage, uint32_t usage, bool down, uint32_t) {
     HidEvent e;
     e.type = kEventTypeKeyboard;

@@ -69,6 +69,10 @@ HidEvent createDigitizerFingerEvent(uint64_t timestamp, uint32_t index, uint32_t
                                     double x, double y, double z, double tipPressure, double twist, bool range,
                                     bool touch, uint32_t options);
 
+// The hand event of the built-in display's digitizer that carries one child per finger, from
+// `senderId`; its mask, range, touch and position are the caller's to fill in.
+HidEvent createDisplayHandEvent(uint64_t timestamp, uint64_t senderId);
+
 HidEvent createKeyboardEvent(uint64_t timestamp, uint32_t usagePage, uint32_t usage, bool down, uint32_t options);
 
 // Monotonic time in nanoseconds, the timestamp of every event made now.

@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <sstream>
 
-#include "api/Registry.h"
 #include "core/Global.h"
 #include "core/Paths.h"
 #include "core/Settings.h"
@@ -11,10 +10,9 @@
 #include "injection/records/MessageIds.h"
 #include "library/FileManager.h"
 #include "platform/RunLoop.h"
-#include "platform/linux/LinuxPlatform.h"
+#include "roles/ProcessWiring.h"
 #include "platform/linux/PlistUserDefaults.h"
 #include "platform/linux/UnixMessagePorts.h"
-#include "play/LuaBridge.h"
 #include "play/ScriptManager.h"
 #include "store/PlaySettings.h"
 
@@ -71,17 +69,14 @@ void EngineFixture::SetUp() {
     sounds = std::make_shared<RecordingSoundService>();
     sleeper = std::make_shared<FakeSleeper>();
 
-    linuxp::ProcessSetup setup;
+    roles::ProcessSetup setup;
     setup.root = root->str();
     setup.ui = ui;
     setup.sounds = sounds;
-    loop = linuxp::installProcess(setup);
-    LuaBridge::setFunctionRegistrar(registerFunctions);
+    loop = roles::installProcess(setup);
     Platform::current().sleeper = sleeper;
     defaults = Platform::current().standardDefaults;
-
-    std::string error;
-    ASSERT_TRUE(linuxp::installAppResources(root->str(), &error)) << error;
+    roles::installAppResources(root->str());
     ASSERT_TRUE(FileManager::prepareDirectories());
     EventSimulate::resetPort();
     Global::sharedInstance().init();

@@ -24,7 +24,7 @@
 #include "device/DeviceBundles.h"
 #include "device/DevicePasteboard.h"
 #include "device/DeviceSpeaker.h"
-#include "device/Supervisor.h"
+#include "roles/Supervisor.h"
 #include "device/VirtualHidSystem.h"
 #include "platform/linux/AsioRunLoop.h"
 #include "ui/HeadlessUserInterface.h"
@@ -286,7 +286,7 @@ TEST(SupervisorRestarts, OnlyRolesThatDiedAbnormally) {
                                            "  crashing) kill -KILL $$; sleep 5 ;;\n"
                                            "esac\n");
     const std::vector<std::string> roles = {"clean", "failing", "terminated", "interrupted", "crashing"};
-    device::Supervisor supervisor(script, {});
+    roles::Supervisor supervisor(script, {});
     for (const auto& role : roles) supervisor.addRole(role);
     ASSERT_TRUE(supervisor.startAll());
 
@@ -307,7 +307,7 @@ TEST(SupervisorRestarts, OnlyRolesThatDiedAbnormally) {
 
 TEST_F(DeviceAppsTest, StoppingASupervisorEndsTheAppsLaunchedOnItsRoot) {
     const std::string role = writeScript(tools.path(), "fake-device-role", "exec sleep 30\n");
-    device::Supervisor supervisor(role, {"--root", root.str()});
+    roles::Supervisor supervisor(role, {"--root", root.str()});
     supervisor.addRole("com.apple.backboardd");
     ASSERT_TRUE(supervisor.startAll());
     device::DeviceApps apps(root.str(), appProfile(), executable);

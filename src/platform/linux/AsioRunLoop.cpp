@@ -1,4 +1,5 @@
 #include "platform/linux/AsioRunLoop.h"
+#include "core/Diagnostics.h"
 
 #include <asio/post.hpp>
 #include <asio/system_timer.hpp>
@@ -12,8 +13,7 @@ namespace tw::linuxp {
 namespace {
 
 void reportHandlerFailure(const char* what) {
-    std::fprintf(stderr, "tapwright: run loop handler failed: %s\n", what);
-    std::fflush(stderr);
+    diagnostic("run loop handler failed: %s", what);
 }
 
 // Runs one handler; a failure is reported and the loop carries on.

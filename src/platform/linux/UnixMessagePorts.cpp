@@ -1,4 +1,5 @@
 #include "platform/linux/UnixMessagePorts.h"
+#include "core/Diagnostics.h"
 
 #include <asio/local/stream_protocol.hpp>
 #include <asio/steady_timer.hpp>
@@ -24,6 +25,7 @@
 #include <unordered_set>
 
 #include "platform/linux/AsioRunLoop.h"
+#include "platform/linux/OutgoingQueue.h"
 
 namespace tw::linuxp {
 
@@ -93,8 +95,7 @@ Bytes encodeReply(uint32_t sequence, const Payload& data) {
 }
 
 void reportPortProblem(const std::string& port, const char* what) {
-    std::fprintf(stderr, "tapwright: message port '%s': %s\n", port.c_str(), what);
-    std::fflush(stderr);
+    diagnostic("message port '%s': %s", port.c_str(), what);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -152,11 +153,8 @@ private:
         std::array<uint8_t, 64 * 1024> chunk{};
         Bytes inbox;
         size_t inboxStart = 0;
-        // Under ioMutex_: the frame being written and the replies queued behind it.
-        Bytes writing;
-        size_t writeOffset = 0;
-        Bytes queued;
-        bool writeInFlight = false;
+        // Under ioMutex_: the reply frames on their way out.
+        OutgoingQueue outgoing;
         // The client stopped taking replies (it may have sent its last messages and left):
         // replies are dropped, but what it sent is still read and delivered.
         bool writeBroken = false;
@@ -283,20 +281,13 @@ private:
     void queueReply(const ConnectionPtr& connection, Bytes frame) {
         std::lock_guard lock(ioMutex_);
         if (connection->closed || connection->writeBroken) return;
-        if (connection->writeInFlight) {
-            connection->queued.insert(connection->queued.end(), frame.begin(), frame.end());
-            return;
-        }
-        connection->writing = std::move(frame);
-        connection->writeOffset = 0;
-        connection->writeInFlight = true;
-        startWriteLocked(connection);
+        if (connection->outgoing.push(std::string_view(reinterpret_cast<const char*>(frame.data()), frame.size())))
+            startWriteLocked(connection);
     }
 
     void startWriteLocked(const ConnectionPtr& connection) {
         connection->socket.async_write_some(
-            asio::buffer(connection->writing.data() + connection->writeOffset,
-                         connection->writing.size() - connection->writeOffset),
+            asio::buffer(connection->outgoing.data(), connection->outgoing.size()),
             [self = shared_from_this(), connection](const asio::error_code& error, size_t count) {
                 self->wrote(connection, error, count);
             });
@@ -307,24 +298,10 @@ private:
         if (connection->closed) return;
         if (error) {
             connection->writeBroken = true;
-            connection->writeInFlight = false;
-            connection->writing.clear();
-            connection->queued.clear();
+            connection->outgoing.clear();
             return;
         }
-        connection->writeOffset += count;
-        if (connection->writeOffset < connection->writing.size()) {
-            startWriteLocked(connection);
-            return;
-        }
-        connection->writing.clear();
-        connection->writeOffset = 0;
-        if (connection->queued.empty()) {
-            connection->writeInFlight = false;
-            return;
-        }
-        connection->writing.swap(connection->queued);
-        startWriteLocked(connection);
+        if (connection->outgoing.wrote(count)) startWriteLocked(connection);
     }
 
     void closeConnection(const ConnectionPtr& connection) {

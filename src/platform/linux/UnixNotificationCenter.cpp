@@ -1,4 +1,5 @@
 #include "platform/linux/UnixNotificationCenter.h"
+#include "core/Diagnostics.h"
 
 #include <fcntl.h>
 #include <plist/plist.h>
@@ -58,8 +59,7 @@ constexpr const char* kUserInfoKey = "userInfo";
 std::atomic<uint64_t> gNextSerial{1};
 
 void report(const std::string& name, const std::string& what) {
-    std::fprintf(stderr, "tapwright: notification '%s': %s\n", name.c_str(), what.c_str());
-    std::fflush(stderr);
+    diagnostic("notification '%s': %s", name.c_str(), what.c_str());
 }
 
 // Names become folder names.

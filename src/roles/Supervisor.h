@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace tw::device {
+namespace tw::roles {
 
 class Supervisor {
 public:
@@ -49,7 +49,4 @@ private:
     std::vector<Role> roles_;
 };
 
-// The path of the running executable.
-std::string selfExecutable();
-
-}  // namespace tw::device
+}  // namespace tw::roles

@@ -1,4 +1,4 @@
-#include "device/Supervisor.h"
+#include "roles/Supervisor.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -10,15 +10,10 @@
 #include <filesystem>
 #include <thread>
 
+#include "core/Diagnostics.h"
 #include "device/DeviceApps.h"
 
-namespace tw::device {
-
-std::string selfExecutable() {
-    std::error_code ec;
-    auto path = std::filesystem::read_symlink("/proc/self/exe", ec);
-    return ec ? std::string("tapwright") : path.string();
-}
+namespace tw::roles {
 
 Supervisor::Supervisor(std::string executable, std::vector<std::string> commonArgs)
     : executable_(std::move(executable)), commonArgs_(std::move(commonArgs)) {
@@ -42,7 +37,7 @@ bool Supervisor::start(Role& role) {
 
     const pid_t pid = fork();
     if (pid < 0) {
-        std::fprintf(stderr, "tapwright: cannot start role %s: %s\n", role.bundleId.c_str(), std::strerror(errno));
+        diagnostic("cannot start role %s: %s", role.bundleId.c_str(), std::strerror(errno));
         return false;
     }
     if (pid == 0) {
@@ -51,7 +46,9 @@ bool Supervisor::start(Role& role) {
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         execv(argv[0], argv.data());
-        std::fprintf(stderr, "tapwright: cannot run %s: %s\n", argv[0], std::strerror(errno));
+        // Only async-signal-safe calls between fork and exec: the supervisor has other threads.
+        static const char kCannotRun[] = "tapwright: cannot run the role executable\n";
+        [[maybe_unused]] ssize_t ignored = ::write(STDERR_FILENO, kCannotRun, sizeof kCannotRun - 1);
         _exit(127);
     }
     role.pid = pid;
@@ -80,7 +77,7 @@ std::vector<std::string> Supervisor::reap(bool restart) {
             (WIFEXITED(status) && WEXITSTATUS(status) == 0) ||
             (WIFSIGNALED(status) && (WTERMSIG(status) == SIGTERM || WTERMSIG(status) == SIGINT));
         if (endedOnPurpose) {
-            std::fprintf(stderr, "tapwright: role %s ended; it stays down\n", role.bundleId.c_str());
+            diagnostic("role %s ended; it stays down", role.bundleId.c_str());
             continue;
         }
 
@@ -89,15 +86,13 @@ std::vector<std::string> Supervisor::reap(bool restart) {
         while (!role.deaths.empty() && now - role.deaths.front() > std::chrono::seconds(10)) role.deaths.pop_front();
         if (role.deaths.size() >= 5) {
             role.givenUp = true;
-            std::fprintf(stderr, "tapwright: role %s keeps dying; not restarting it\n", role.bundleId.c_str());
+            diagnostic("role %s keeps dying; not restarting it", role.bundleId.c_str());
             continue;
         }
         if (WIFSIGNALED(status))
-            std::fprintf(stderr, "tapwright: role %s was killed by signal %d; restarting it\n", role.bundleId.c_str(),
-                         WTERMSIG(status));
+            diagnostic("role %s was killed by signal %d; restarting it", role.bundleId.c_str(), WTERMSIG(status));
         else
-            std::fprintf(stderr, "tapwright: role %s exited with status %d; restarting it\n", role.bundleId.c_str(),
-                         WEXITSTATUS(status));
+            diagnostic("role %s exited with status %d; restarting it", role.bundleId.c_str(), WEXITSTATUS(status));
         start(role);
     }
     return exited;
@@ -124,7 +119,7 @@ void Supervisor::stopAll(std::chrono::milliseconds grace) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
-    if (!root_.empty()) stopRunningApps(root_, grace);
+    if (!root_.empty()) device::stopRunningApps(root_, grace);
 }
 
 pid_t Supervisor::pidOf(const std::string& bundleId) const {
@@ -139,4 +134,4 @@ bool Supervisor::allRunning() const {
     return true;
 }
 
-}  // namespace tw::device
+}  // namespace tw::roles

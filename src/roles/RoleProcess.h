@@ -1,13 +1,13 @@
 #pragma once
 // One process of the virtual device in one role: the input-event role (the HID system, its
 // hardware input and trace, and the injector), an app (its focused text field and keyboard), or
-// the home screen.
+// the home screen (the library folders and the product's app folder).
 #include <optional>
 #include <string>
 
 #include "platform/linux/ProfileDeviceInfo.h"
 
-namespace tw::device {
+namespace tw::roles {
 
 struct RoleOptions {
     std::string root;
@@ -16,11 +16,9 @@ struct RoleOptions {
     std::optional<std::string> traceFile;  // the input-event role appends the event trace here
 };
 
-// Runs the role until SIGINT or SIGTERM. Returns the exit status; prints one line on stderr when
-// the role cannot start (its sockets are taken by another device on the same root, say).
+// Runs the role until SIGINT or SIGTERM and returns 0. Throws a Failure when the role cannot
+// start: an app the profile does not have (status 2), or sockets taken by another device on the
+// same root.
 int runRole(const RoleOptions& options);
 
-// The folder of the device's runtime sockets and markers, "<root>/run".
-std::string runDir(const std::string& root);
-
-}  // namespace tw::device
+}  // namespace tw::roles

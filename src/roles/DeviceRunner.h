@@ -1,0 +1,19 @@
+#pragma once
+// The device supervisor's process: starts one process per role of a virtual device, restarts the
+// ones that crash, and shuts them all down (with the apps scripts launched) on SIGINT or SIGTERM.
+#include <string>
+
+namespace tw::roles {
+
+struct DeviceRunOptions {
+    std::string root;     // an absolute device root (see prepareDeviceRoot)
+    std::string profile = "default";  // a profile name or file
+    std::string trace;    // "" or a file the event trace is written to, emptied first
+    std::string screen;   // "" or a picture shown on the display once the device is up
+};
+
+// Runs the device until SIGINT or SIGTERM; returns 0. Throws a Failure when it cannot start (a
+// device already runs on the root, the profile or picture cannot be read).
+int runDevice(const DeviceRunOptions& options);
+
+}  // namespace tw::roles
