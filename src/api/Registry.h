@@ -1,7 +1,13 @@
 #pragma once
 // The script functions: plain Lua globals registered into every new state, in a fixed order,
 // right after the standard libraries and before Extensions.lua runs.
-#include <string>
+//
+// This is the one boundary between the engine's C++ and Lua: every function is registered behind
+// callSafely(), so no C++ exception ever reaches the interpreter. A failure of the platform below
+// a function (an exception from a library or a seam) ends the call with the function's documented
+// failure result (nil for each result it has, or no effect); the script goes on. Lua's own errors
+// (argument checks, luaL_error with the fixed messages) are not C++ exceptions and pass untouched.
+#include <exception>
 #include <vector>
 
 #include "platform/Lua.h"
@@ -10,8 +16,21 @@ namespace tw {
 
 struct ScriptFunction {
     const char* name;
-    lua_CFunction function;
+    lua_CFunction function;  // already behind callSafely()
 };
+
+// Runs `F`; when a C++ exception leaves it, drops what it pushed and returns `failureResults` nils.
+template <lua_CFunction F, int failureResults>
+int callSafely(lua_State* L) {
+    const int top = lua_gettop(L);
+    try {
+        return F(L);
+    } catch (const std::exception&) {
+        lua_settop(L, top);
+        for (int i = 0; i < failureResults; ++i) lua_pushnil(L);
+        return failureResults;
+    }
+}
 
 // The functions in registration order.
 const std::vector<ScriptFunction>& scriptFunctions();

@@ -359,6 +359,7 @@ int find_colors(std::vector<location_t>& results, const color_point_t* pattern, 
     if (!wash_region_for_find_colors(clipped, pattern, n, &search, &span)) return 0;
     const auto surface = capture_surface();
     if (!surface) return 1;
+    // "regin": the system's spelling of its trace line, kept as it is.
     graphic_trace("regin in fact in image: %f, %f, %f, %f", search.x, search.y, search.width, search.height);
     return do_find_colors(results, surface->image(), pattern, n, search, limit);
 }

@@ -47,6 +47,7 @@ int wash_region_for_find_colors(const region_t& clipped, const color_point_t* pa
     const region_t result{clipped.x - leftmost, clipped.y - topmost, clipped.width - extent.x,
                           clipped.height - extent.y};
     graphic_trace("leftmost:%f, rightmost:%f, topmost:%f, bottommost:%f", leftmost, rightmost, topmost, bottommost);
+    // "regin" is how the system spells its trace lines; kept so traces compare line for line.
     graphic_trace("regin in fact for findColors: %f, %f, %f, %f", result.x, result.y, result.width, result.height);
     if (span) *span = extent;
     if (search) *search = result;
@@ -58,6 +59,7 @@ int wash_region_for_find_image(const region_t& clipped, const image_t& tmpl, reg
     const auto templateHeight = static_cast<coord_t>(tmpl.height);
     if (clipped.width < templateWidth || clipped.height < templateHeight) return 0;
     const region_t result{clipped.x, clipped.y, clipped.width - templateWidth, clipped.height - templateHeight};
+    // "regin": the system's spelling, kept (see above).
     graphic_trace("regin in fact for findImage: %f, %f, %f, %f", result.x, result.y, result.width, result.height);
     if (search) *search = result;
     return 1;

@@ -16,6 +16,10 @@
 
 namespace tw {
 
+// "Fialed" is the system's own spelling of this log line; people and tools search the log for it
+// as written, so it stays.
+constexpr const char* kSurfaceInfoFailure = "Fialed to init surface info for graphic functions.";
+
 namespace {
 
 // The display controllers of older systems, in the order they are tried.
@@ -129,7 +133,7 @@ void init_surface_info(surface_info_t& info) {
     const auto device = Platform::current().device;
     const auto display = Platform::current().display;
     if (!device) {
-        LogToFile("Fialed to init surface info for graphic functions.");
+        LogToFile("%s", kSurfaceInfoFailure);
         return;
     }
 
@@ -142,7 +146,7 @@ void init_surface_info(surface_info_t& info) {
             }
         }
         if (!layer) {
-            LogToFile("Fialed to init surface info for graphic functions.");
+            LogToFile("%s", kSurfaceInfoFailure);
             return;
         }
         info.width = layer->width;

@@ -559,6 +559,7 @@ CryptError Encrypt::decryptWithSemaphore(const std::string& path, const std::str
             if (CryptError e = decryptor.addData(chunk.data(), static_cast<size_t>(n), plaintext); e != CryptError::none)
                 return e;
             if (!plaintext.empty()) {
+                // "recevied": the system's own spelling of this debug line, kept as it is.
                 debugLine("Decryptor recevied %lu bytes", static_cast<unsigned long>(plaintext.size()));
                 if (!out.write(plaintext.data(), plaintext.size())) return CryptError::cannotWrite;
                 OPENSSL_cleanse(plaintext.data(), plaintext.size());

@@ -120,6 +120,7 @@ public:
     static void deleteAllFilesExceptScripts(const std::string& folder);
     static void deleteAllFolders(const std::string& folder);
     // The scripts directly in the library root, as "/<name>", in listing order.
+    // ("Pathes" is the operation's name as the rest of the system knows it; not a typo to fix.)
     static std::vector<std::string> getAllScriptFilePathesOnly();
     // Makes the library root and the private data folder (with their parents) when missing.
     // A failure is written to the error log and answers false.
