@@ -31,7 +31,7 @@ void openLibrary(const CommonOptions& common) {
 }
 
 // The library path for what the user typed, or "" when it does not name an entry of the library:
-// the root itself, and paths that climb out of it with "..".
+// the root itself, and paths that leave it with ".." or through a symbolic link.
 std::string libraryPath(const std::string& typed) {
     std::string path = typed.empty() || typed.front() != '/' ? "/" + typed : typed;
     while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -43,7 +43,7 @@ std::string libraryPath(const std::string& typed) {
         if (path.compare(start, end - start, "..") == 0) return "";
         start = end + 1;
     }
-    return path;
+    return FileManager::isInsideLibrary(path) ? path : "";
 }
 
 [[noreturn]] void failed(const std::string& what, const std::string& description) {

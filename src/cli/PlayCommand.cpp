@@ -16,16 +16,18 @@ Command addPlayCommand(CLI::App& app, CommonOptions& common) {
         "Exit status: 0 when the play ended without a script error (a stop is not an error), 1 otherwise.");
     sub->add_option("script", options->script, "Script to play: library path or file")->required();
     sub->add_option("--root", common.root, "Device root folder (default: $XDG_DATA_HOME/tapwright/devices/default)");
-    sub->add_option("--repeat", options->repeat, "Runs per play; 0 repeats until stopped")
-        ->check(CLI::NonNegativeNumber)
-        ->capture_default_str();
-    sub->add_option("--interval", options->interval, "Whole seconds between two runs")
-        ->check(CLI::NonNegativeNumber)
-        ->capture_default_str();
-    sub->add_option("--speed", options->speed, "Play speed: waits are scaled by 2.0 - speed")
-        ->check(CLI::Range(0.0, 2.0))
-        ->capture_default_str();
-    sub->add_option("--profile", options->profile, "Device profile: a name in resources/devices or a JSON file")
+    sub->add_option("--repeat", options->repeat,
+                    "Runs per play; 0 repeats until stopped (default: the script's play settings, else 1)")
+        ->check(CLI::NonNegativeNumber);
+    sub->add_option("--interval", options->interval,
+                    "Whole seconds between two runs (default: the script's play settings, else 1)")
+        ->check(CLI::NonNegativeNumber);
+    sub->add_option("--speed", options->speed,
+                    "Play speed: waits are scaled by 2.0 - speed (default: the script's play settings, else 1.0)")
+        ->check(CLI::Range(0.0, 2.0));
+    sub->add_option("--profile", options->profile,
+                    "Profile of the roles the play starts itself (a running device's profile wins): a name in "
+                    "resources/devices or a JSON file")
         ->capture_default_str();
     sub->add_option("--trace", options->trace, "Write the device's events (JSON Lines) to FILE, emptied first");
     sub->add_option("--password", options->password,

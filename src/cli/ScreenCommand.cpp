@@ -28,7 +28,8 @@ Command addScreenshotCommand(CLI::App& app, CommonOptions& common) {
     sub->add_option("--root", common.root, "Device root folder");
     sub->add_option("--profile", *profile, "Device profile of the screen's geometry")->capture_default_str();
     return {sub, [&common, out, profile]() -> int {
-                roles::saveScreenshot(deviceRoot(common), roles::loadProfile(*profile), *out);
+                const std::string root = deviceRoot(common);
+                roles::saveScreenshot(root, roles::profileForCommand(root, *profile), *out);
                 return 0;
             }};
 }

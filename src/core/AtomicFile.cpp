@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <vector>
 
 namespace tw {
@@ -128,6 +130,32 @@ bool AtomicFileWriter::commit() {
         ::close(folder);
     }
     return true;
+}
+
+bool isAtomicTempName(std::string_view name) {
+    constexpr size_t kRandom = 6;
+    if (name.size() < 1 + 1 + kAtomicTempMarker.size() + kRandom || name.front() != '.') return false;
+    const std::string_view tail = name.substr(name.size() - kRandom);
+    for (char c : tail)
+        if (!std::isalnum(static_cast<unsigned char>(c))) return false;
+    return name.substr(name.size() - kRandom - kAtomicTempMarker.size(), kAtomicTempMarker.size()) ==
+           kAtomicTempMarker;
+}
+
+size_t removeLeftoverTemporaryFiles(const std::string& folder, std::chrono::seconds minimumAge) {
+    namespace fs = std::filesystem;
+    size_t removed = 0;
+    std::error_code ec;
+    const auto now = fs::file_time_type::clock::now();
+    for (auto it = fs::recursive_directory_iterator(folder, fs::directory_options::skip_permission_denied, ec);
+         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        std::error_code entryError;
+        if (!it->is_regular_file(entryError) || !isAtomicTempName(it->path().filename().string())) continue;
+        const auto changed = it->last_write_time(entryError);
+        if (entryError || now - changed < minimumAge) continue;
+        if (fs::remove(it->path(), entryError)) ++removed;
+    }
+    return removed;
 }
 
 bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string* error, int* errorCode) {

@@ -6,6 +6,7 @@
 // process, a crash) sees either the old content or the new, never a part. A temporary file that is
 // never committed is removed. Appends (the error log, a recording) are not replacements and do not
 // come here.
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -53,6 +54,15 @@ private:
     std::string error_;
     int errorCode_ = 0;
 };
+
+// True when `fileName` is one of an AtomicFileWriter's temporary files: "." + name +
+// kAtomicTempMarker + six letters or digits.
+bool isAtomicTempName(std::string_view fileName);
+
+// Removes, below `folder`, the temporary files that replacements interrupted by a crash left
+// behind (isAtomicTempName, last changed longer than `minimumAge` ago, so a replacement in progress
+// in another process is left alone), and nothing else. Returns how many it removed.
+size_t removeLeftoverTemporaryFiles(const std::string& folder, std::chrono::seconds minimumAge);
 
 // Replaces the file at `path` with `bytes` through an AtomicFileWriter. The folder must exist.
 // False, with the reason in `error` and its errno in `errorCode` when given, when it cannot.

@@ -1,5 +1,6 @@
 #include "core/Helper.h"
 
+#include "core/LogToFile.h"
 #include "core/Settings.h"
 #include "platform/Platform.h"
 #include "platform/UserDefaults.h"
@@ -12,7 +13,8 @@ bool readDefaultingToTrue(const char* key) {
     auto defaults = Platform::current().standardDefaults;
     if (!defaults) return true;
     if (!defaults->objectForKey(key)) {
-        defaults->setBool(key, true);
+        // A setting that cannot be stored still reads as its default; the user hears of it in the log.
+        if (!defaults->setBool(key, true)) LogToFile("Failed to save the setting %s.", key);
         return true;
     }
     return defaults->boolForKey(key);

@@ -1,10 +1,12 @@
 #include "core/LogToFile.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
 
 #include "core/Paths.h"
 
@@ -63,17 +65,21 @@ std::string formatLogLine(std::string_view message) {
 
 void LogMessageToFile(std::string_view message) {
     const std::string line = formatLogLine(message);
-    const std::string path = Paths::logFile();
-    std::error_code ec;
-    if (std::filesystem::exists(path, ec)) {
-        // Append to what is there; a file that cannot be opened loses the line.
-        std::ofstream out(path, std::ios::binary | std::ios::app);
-        if (out) out << line;
-    } else {
-        // First line: create the file with it; a missing folder makes this fail in silence.
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        if (out) out << line;
+    // Appended in one write, or created with it; a folder that is missing loses the line in
+    // silence.
+    const int fd = ::open(Paths::logFile().c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) return;
+    const ssize_t written = ::write(fd, line.data(), line.size());
+    if (written > 0 && static_cast<size_t>(written) < line.size()) {
+        // A line cut short (a full disk) is taken back whole, so that the next one does not
+        // glue itself to a stump without its newline.
+        struct stat st {};
+        if (::fstat(fd, &st) == 0 && st.st_size >= written) {
+            const int undone = ::ftruncate(fd, st.st_size - written);
+            (void)undone;  // logging never fails loudly
+        }
     }
+    ::close(fd);
 }
 
 void LogToFile(const char* format, ...) {

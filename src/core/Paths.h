@@ -25,6 +25,9 @@ public:
     static const std::string& root();
     // `fixedPath` (absolute, as the system names it) on this device.
     static std::string resolve(const std::string& fixedPath);
+    // The path as the system sees it, from the device root's "/" down: `hostPath` without the
+    // device root in front; a path outside the device root is returned as it is.
+    static std::string devicePath(const std::string& hostPath);
 
     static std::string scriptsDir() { return resolve(kScriptsPath); }
     static std::string libraryDir() { return resolve(kLibraryPath); }

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "device/EventTrace.h"
 #include "device/HidHubClient.h"
 
 namespace tw::device {
@@ -13,10 +14,6 @@ namespace {
 
 using nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
-
-std::string dumpLine(const ordered_json& object) {
-    return object.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
-}
 
 // A player that keeps the time instead of sounding. Its state is worked out from the clock when
 // asked, so no thread runs behind it.
@@ -100,19 +97,17 @@ bool HubTracePublisher::publish(const std::string& line) {
 }
 
 std::string systemSoundTraceLine(uint32_t soundId) {
-    ordered_json line;
-    line["kind"] = "sound";
+    ordered_json line = newTraceLine("sound");
     line["systemSound"] = soundId;
-    return dumpLine(line);
+    return dumpTraceLine(line);
 }
 
 std::string playerTraceLine(const std::string& action, const std::string& file, std::optional<int32_t> loops) {
-    ordered_json line;
-    line["kind"] = "sound";
+    ordered_json line = newTraceLine("sound");
     line["player"] = action;
     line["file"] = file;
     if (loops) line["loops"] = *loops;
-    return dumpLine(line);
+    return dumpTraceLine(line);
 }
 
 std::optional<SoundFileInfo> probeSoundFile(const std::string& path) {

@@ -74,9 +74,17 @@ std::string traceLine(const hid::HidEvent& event) {
     return dumpLine(line);
 }
 
-std::string textTraceLine(const std::string& bundle, const std::string& field) {
+ordered_json newTraceLine(const char* kind) {
     ordered_json line = ordered_json::object();
-    line["kind"] = "text";
+    line["kind"] = kind;
+    line["time"] = hid::absoluteTime();
+    return line;
+}
+
+std::string dumpTraceLine(const ordered_json& line) { return dumpLine(line); }
+
+std::string textTraceLine(const std::string& bundle, const std::string& field) {
+    ordered_json line = newTraceLine("text");
     line["bundle"] = bundle;
     line["field"] = field;
     return dumpLine(line);

@@ -4,6 +4,8 @@
 // app roles their "text" lines through the hub), so each line goes out in a single append.
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "platform/HidEvent.h"
 
 namespace tw::device {
@@ -18,8 +20,15 @@ namespace tw::device {
 // "0x" and 16 upper-case hex digits; x and y are written with full double precision.
 std::string traceLine(const hid::HidEvent& event);
 
-// The line an app writes when a text field's content changed: {"kind":"text","bundle":...,"field":...}.
-// Bytes that are not UTF-8 are written as U+FFFD.
+// Every other line of the trace starts as {"kind":K,"time":T}, T being now on the clock of the
+// events' timestamps (nanoseconds of the monotonic clock), so that all lines can be ordered and
+// timed together; the caller adds its fields and writes it with dumpTraceLine. Text that is not
+// UTF-8 is written with U+FFFD in place of the bad bytes.
+nlohmann::ordered_json newTraceLine(const char* kind);
+std::string dumpTraceLine(const nlohmann::ordered_json& line);
+
+// The line an app writes when a text field's content changed:
+// {"kind":"text","time":T,"bundle":...,"field":...}.
 std::string textTraceLine(const std::string& bundle, const std::string& field);
 
 // An append-only trace file. Each append() is one write() of the line and its newline, which the

@@ -140,4 +140,18 @@ bool VirtualDisplay::renderDisplay(uint8_t* base, const SurfaceGeometry& geometr
     return true;
 }
 
+std::optional<SurfaceGeometry> VirtualDisplay::openFramebufferLayer(const std::string& serviceClassName) {
+    if (serviceClassName != kVirtualDisplayService) return std::nullopt;
+    const auto framebuffer = Framebuffer::open(runDir_, nullptr);
+    if (!framebuffer) return std::nullopt;
+    SurfaceGeometry layer;
+    layer.width = framebuffer->width();
+    layer.height = framebuffer->height();
+    layer.bytesPerElement = 4;
+    std::memcpy(&layer.pixelFormat, "BGRA", 4);
+    layer.bytesPerRow = layer.width * 4;
+    layer.allocSize = layer.bytesPerRow * layer.height;
+    return layer;
+}
+
 }  // namespace tw::device

@@ -47,12 +47,18 @@ private:
     uint64_t inode_ = 0;
 };
 
+// The display controller service the virtual device offers to systems before 9.0, which learn the
+// screen's geometry from its default layer instead of from the screen's bounds.
+inline constexpr const char* kVirtualDisplayService = "AppleCLCD";
+
 // The Display seam over the framebuffer: every render copies the current picture.
 class VirtualDisplay : public Display {
 public:
     explicit VirtualDisplay(std::string runDir) : runDir_(std::move(runDir)) {}
     bool renderDisplay(uint8_t* base, const SurfaceGeometry& geometry) override;
-    std::optional<SurfaceGeometry> openFramebufferLayer(const std::string&) override { return std::nullopt; }
+    // The framebuffer's geometry (rows of exactly width * 4 bytes, "BGRA") for the service
+    // kVirtualDisplayService; nullopt for other names or while the device has no framebuffer.
+    std::optional<SurfaceGeometry> openFramebufferLayer(const std::string& serviceClassName) override;
 
 private:
     std::string runDir_;

@@ -167,7 +167,7 @@ std::optional<std::string> make_bmp_save_path(const char* path) {
     return result;
 }
 
-int screenshot(const char* path, const region_t* region) {
+int save_screenshot(const std::string& file, const region_t* region) {
     surface_info_t info;
     get_surface_info(&info);
     region_t area{0, 0, static_cast<coord_t>(info.width), static_cast<coord_t>(info.height)};
@@ -197,12 +197,19 @@ int screenshot(const char* path, const region_t* region) {
         }
     }
 
-    const auto savePath = make_bmp_save_path(path);
-    if (!savePath) return 0;
     const auto width = static_cast<uint32_t>(std::max<int64_t>(0, std::min<int64_t>(areaWidth, UINT32_MAX)));
     const auto height = static_cast<uint32_t>(std::max<int64_t>(0, std::min<int64_t>(areaHeight, UINT32_MAX)));
-    const bool written = save_bmp(savePath->c_str(), buffer.data(), width, height) == 0;
+    const bool written = save_bmp(file.c_str(), buffer.data(), width, height) == 0;
     return written ? 1 : 0;
+}
+
+int screenshot(const char* path, const region_t* region) {
+    if (!path) return 0;
+    const std::string device = Paths::devicePath(path);
+    const auto savePath = make_bmp_save_path(device.c_str());
+    if (!savePath) return 0;
+    // Back on the host, under the device root when the path was there.
+    return save_screenshot(device == path ? *savePath : Paths::resolve(*savePath), region);
 }
 
 void takeCurrentScreenshot() {

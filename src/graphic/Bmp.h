@@ -54,9 +54,14 @@ int read_bmp(const char* path, image_t* out);
 std::optional<std::string> make_bmp_save_path(const char* path);
 
 // Writes `region` (nullptr: the whole screen), clipped to the screen, of a new capture to `path`
-// with its extension made ".bmp". 1 when the file was written; 0 when the region is refused,
-// there is no capture or the file cannot be written.
+// with its extension made ".bmp" by make_bmp_save_path. The rule sees the path as the system does,
+// from the device root's "/" down: a dotted folder inside the device counts, the folders above the
+// device root never do. 1 when the file was written; 0 when the region is refused, there is no
+// capture or the file cannot be written.
 int screenshot(const char* path, const region_t* region);
+
+// The same capture written to exactly `file` (no extension rule).
+int save_screenshot(const std::string& file, const region_t* region);
 
 // Plays the screenshot sound and writes the whole screen to "<yyyy-MM-dd HH:mm:ss>.bmp" (local
 // time) in the script library.

@@ -1,5 +1,6 @@
 #include "injection/EventSimulate.h"
 
+#include <atomic>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -25,6 +26,7 @@ namespace {
 // the lock only keeps a test's reset from racing a request.
 std::mutex portMutex;
 std::shared_ptr<RemotePort> backBoarddMessagePort;
+std::atomic<uint64_t> lostRequestCount{0};
 
 std::shared_ptr<RemotePort> freshPort() {
     std::lock_guard lock(portMutex);
@@ -40,9 +42,13 @@ std::shared_ptr<RemotePort> freshPort() {
 // A request that waits for the injector's reply; the reply word is whatever up to 4 bytes came.
 int sendWithReply(int32_t msgid, const Payload& data) {
     auto port = freshPort();
-    if (!port) return -1;
+    if (!port) {
+        ++lostRequestCount;
+        return -1;
+    }
     Payload reply;
-    port->sendRequest(msgid, data, kPortSendTimeout, kPortReceiveTimeout, true, &reply);
+    if (port->sendRequest(msgid, data, kPortSendTimeout, kPortReceiveTimeout, true, &reply) != PortStatus::Success)
+        ++lostRequestCount;
     int32_t word = 0;
     if (reply) std::memcpy(&word, reply->data(), std::min<size_t>(reply->size(), sizeof word));
     return word;
@@ -50,14 +56,20 @@ int sendWithReply(int32_t msgid, const Payload& data) {
 
 int sendOneWay(int32_t msgid, const Payload& data) {
     auto port = freshPort();
-    if (!port) return -1;
-    port->sendRequest(msgid, data, kPortSendTimeout, kPortReceiveTimeout, false, nullptr);
+    if (!port) {
+        ++lostRequestCount;
+        return -1;
+    }
+    if (port->sendRequest(msgid, data, kPortSendTimeout, kPortReceiveTimeout, false, nullptr) != PortStatus::Success)
+        ++lostRequestCount;
     return 0;
 }
 
 }  // namespace
 
 bool keep_message_port_fresh() { return freshPort() != nullptr; }
+
+uint64_t EventSimulate::lostRequests() { return lostRequestCount.load(); }
 
 void EventSimulate::resetPort() {
     std::lock_guard lock(portMutex);

@@ -25,6 +25,9 @@ public:
 
     // Drops the cached port handle (tests, and a device root change).
     static void resetPort();
+    // How many requests this process could not hand to the injector (its port unreachable, or the
+    // send or the reply timed out) since it started. The play reports them; scripts never hear.
+    static uint64_t lostRequests();
 };
 
 int call_simulate_touch_event(int finger, int type, double x, double y);

@@ -279,7 +279,20 @@ bool FileManager::isTimerSet(const std::string& path) const {
 
 std::string FileManager::rootPath() { return Paths::scriptsDir(); }
 
-std::string FileManager::fullPathOfFile(const std::string& path) { return rootPath() + path; }
+std::string FileManager::fullPathOfFile(const std::string& path) {
+    // Joined as path components are: exactly one "/" between the root and the path.
+    return path.empty() || path.front() == '/' ? rootPath() + path : rootPath() + "/" + path;
+}
+
+bool FileManager::isInsideLibrary(const std::string& path) {
+    std::error_code ec;
+    const fs::path root = fs::weakly_canonical(rootPath(), ec);
+    if (ec) return false;
+    const fs::path resolved = fs::weakly_canonical(fullPathOfFile(path), ec);
+    if (ec) return false;
+    // Component by component: "/Scripts-old" does not lie inside "/Scripts".
+    return std::mismatch(root.begin(), root.end(), resolved.begin(), resolved.end()).first == root.end();
+}
 
 bool FileManager::fileExist(const std::string& path) { return existsAt(fullPathOfFile(path)); }
 

@@ -76,8 +76,12 @@ public:
 
     // The library root on this device, without a trailing "/".
     static std::string rootPath();
-    // The full path of a script path: the library root followed by the path.
+    // The full path of a library path: the library root joined with it ("a.lua" and "/a.lua" are
+    // the same file).
     static std::string fullPathOfFile(const std::string& path);
+    // True when the library path stays inside the library root once ".." and symbolic links are
+    // resolved (what does not exist yet is taken as written). Commands and routes refuse the rest.
+    static bool isInsideLibrary(const std::string& path);
     static bool fileExist(const std::string& path);
     static bool fileIsDirectory(const std::string& path);
     // Logs "Failed to get the attributes of file: <full path>" when there are none.

@@ -12,9 +12,12 @@ using DefaultsValue = std::variant<bool, int64_t, double, std::string>;
 class UserDefaults {
 public:
     virtual ~UserDefaults() = default;
+    // Reads never fail loudly: a value that cannot be read is absent.
     virtual std::optional<DefaultsValue> objectForKey(const std::string& key) = 0;
-    virtual void setObject(const std::string& key, const DefaultsValue& value) = 0;
-    virtual void removeObjectForKey(const std::string& key) = 0;
+    // False when the value could not be stored (an unwritable or full disk): the caller decides
+    // what the user hears of it; nothing is thrown.
+    virtual bool setObject(const std::string& key, const DefaultsValue& value) = 0;
+    virtual bool removeObjectForKey(const std::string& key) = 0;
 
     // Typed reads with the platform's conversions: numbers and the texts "YES"/"true"/a non-zero
     // number read as true; a missing or unconvertible value reads as false / 0 / 0.0 / nullopt.
@@ -23,10 +26,10 @@ public:
     double doubleForKey(const std::string& key);
     std::optional<std::string> stringForKey(const std::string& key);
 
-    void setBool(const std::string& key, bool v) { setObject(key, DefaultsValue{v}); }
-    void setInteger(const std::string& key, int64_t v) { setObject(key, DefaultsValue{v}); }
-    void setDouble(const std::string& key, double v) { setObject(key, DefaultsValue{v}); }
-    void setString(const std::string& key, const std::string& v) { setObject(key, DefaultsValue{v}); }
+    bool setBool(const std::string& key, bool v) { return setObject(key, DefaultsValue{v}); }
+    bool setInteger(const std::string& key, int64_t v) { return setObject(key, DefaultsValue{v}); }
+    bool setDouble(const std::string& key, double v) { return setObject(key, DefaultsValue{v}); }
+    bool setString(const std::string& key, const std::string& v) { return setObject(key, DefaultsValue{v}); }
 };
 
 }  // namespace tw

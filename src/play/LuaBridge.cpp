@@ -1,8 +1,11 @@
 #include "play/LuaBridge.h"
 
+#include <cstring>
 #include <mutex>
+#include <string_view>
 
 #include "core/Alert.h"
+#include "core/AtomicFile.h"
 #include "core/Global.h"
 #include "core/Helper.h"
 #include "core/LogToFile.h"
@@ -43,6 +46,35 @@ void LuaBridge::setFunctionRegistrar(std::function<void(lua_State*)> registrar) 
     functionRegistrar = std::move(registrar);
 }
 
+namespace {
+
+// Loads a script file as luaL_loadfilex does (a UTF-8 byte-order mark and a first line starting
+// with "#" are skipped, line numbers kept), but names the chunk by the path as the device sees it,
+// so that messages read "/var/mobile/Library/Tapwright/Scripts/a.lua:3: ..." on every host and
+// the script's own name is never pushed out of Lua's 60-character chunk name by host folders.
+int loadScriptFile(lua_State* L, const std::string& hostPath) {
+    const std::string name = Paths::devicePath(hostPath);
+    int error = 0;
+    const auto file = readWholeFile(hostPath, &error);
+    if (!file) {
+        lua_pushfstring(L, "cannot open %s: %s", name.c_str(), std::strerror(error));
+        return LUA_ERRFILE;
+    }
+    std::string_view text(*file);
+    if (text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);
+    std::string chunk;
+    if (!text.empty() && text.front() == '#') {
+        const size_t end = text.find('\n');
+        text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
+        // The skipped line still counts, except before a precompiled chunk.
+        if (text.empty() || text.front() != LUA_SIGNATURE[0]) chunk = "\n";
+    }
+    chunk.append(text);
+    return luaL_loadbufferx(L, chunk.data(), chunk.size(), ("@" + name).c_str(), nullptr);
+}
+
+}  // namespace
+
 void LuaBridge::prepareState() {
     L = luaL_newstate();
     luaL_openlibs(L);
@@ -54,7 +86,7 @@ void LuaBridge::prepareState() {
     if (registrar) registrar(L);
 
     const std::string extensions = Paths::extensionsFile();
-    if (luaL_loadfilex(L, extensions.c_str(), nullptr) != LUA_OK || lua_pcall(L, 0, LUA_MULTRET, 0) != LUA_OK)
+    if (loadScriptFile(L, extensions) != LUA_OK || lua_pcall(L, 0, LUA_MULTRET, 0) != LUA_OK)
         processError();
     if (luaL_loadstring(L, kModulePathChunk) != LUA_OK || lua_pcall(L, 0, LUA_MULTRET, 0) != LUA_OK)
         processError();
@@ -66,14 +98,14 @@ void LuaBridge::runLua(const std::string& scriptOrPath, int type) {
     if (!L) prepareState();
 
     setScaleScreen(scriptOrPath, type);
-    lua_sethook(L, lstop, LUA_MASKCALL | LUA_MASKRET | LUA_MASKCOUNT, 1);
+    lua_sethook(L, lstop, LUA_MASKCOUNT, kStopCheckInstructions);
 
     int status = LUA_ERRRUN;
     bool ran = true;
     if (type == kRunText)
         status = luaL_loadstring(L, scriptOrPath.c_str());
     else if (type == kRunFile)
-        status = luaL_loadfilex(L, scriptOrPath.c_str(), nullptr);
+        status = loadScriptFile(L, scriptOrPath);
     else
         ran = false;
     if (ran) {

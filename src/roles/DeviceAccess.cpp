@@ -4,8 +4,10 @@
 #include <fstream>
 #include <thread>
 
+#include "core/AtomicFile.h"
 #include "core/Diagnostics.h"
 #include "core/Paths.h"
+#include "device/DeviceApps.h"
 #include "device/HidHubClient.h"
 #include "device/VirtualDisplay.h"
 #include "graphic/Bmp.h"
@@ -34,6 +36,39 @@ bool deviceRunning(const std::string& root) {
     linuxp::UnixMessagePortService ports(runDirOf(root) + "/ports");
     auto remote = ports.createRemote(kInjectorPortName);
     return remote && remote->isValid();
+}
+
+namespace {
+std::string profileRecord(const std::string& root) { return runDirOf(root) + "/profile.json"; }
+}  // namespace
+
+std::optional<linuxp::DeviceProfile> runningDeviceProfile(const std::string& root) {
+    const auto text = readWholeFile(profileRecord(root));
+    if (!text) return std::nullopt;
+    try {
+        return linuxp::parseDeviceProfile(*text);
+    } catch (const std::runtime_error&) {
+        return std::nullopt;
+    }
+}
+
+void recordDeviceProfile(const std::string& root, const linuxp::DeviceProfile& profile) {
+    std::error_code ec;
+    fs::create_directories(runDirOf(root), ec);
+    std::string error;
+    if (!writeFileAtomically(profileRecord(root), device::deviceProfileJson(profile), &error)) fail(error);
+}
+
+linuxp::DeviceProfile profileForCommand(const std::string& root, const std::string& nameOrPath) {
+    if (deviceRunning(root))
+        if (auto running = runningDeviceProfile(root)) return *running;
+    return loadProfile(nameOrPath);
+}
+
+void removeLeftovers(const std::string& root) {
+    // Older than a minute: another process's replacement in progress is left alone.
+    for (const char* folder : {"/var", "/Applications"})
+        removeLeftoverTemporaryFiles(root + folder, std::chrono::seconds(60));
 }
 
 std::string deviceAppBundleId(const linuxp::DeviceProfile& profile) {
@@ -100,9 +135,9 @@ void saveScreenshot(const std::string& root, const linuxp::DeviceProfile& profil
     setup.root = root;
     setup.profile = profile;
     setup.ui = std::make_shared<ConsoleUserInterface>();
-    const std::string target = fs::absolute(out).string();
+    const std::string target = fs::absolute(out).replace_extension(".bmp").string();
     installProcess(setup);
-    if (screenshot(target.c_str(), nullptr) != 1)
+    if (save_screenshot(target, nullptr) != 1)
         fail("cannot save a screenshot to " + target + " (does a device run on " + root + "?)");
 }
 

@@ -4,6 +4,7 @@
 // events, save its screen.
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "device/ImageFile.h"
@@ -25,6 +26,18 @@ bool deviceRunning(const std::string& root);
 // profile takes forwarded text, that app's keyboard listens. False after `timeout`.
 bool waitForDevice(const std::string& root, const linuxp::DeviceProfile& profile, const std::string& appBundleId,
                    std::chrono::milliseconds timeout);
+
+// The profile of the device running on `root`, as its starter recorded it; nullopt when none was
+// recorded. Commands that start no roles use it, so they see the device as it is.
+std::optional<linuxp::DeviceProfile> runningDeviceProfile(const std::string& root);
+// Records the profile of the roles about to start on `root` (in "<root>/run/profile.json").
+void recordDeviceProfile(const std::string& root, const linuxp::DeviceProfile& profile);
+// The profile a command that starts no roles works with: the running device's, else the named one.
+linuxp::DeviceProfile profileForCommand(const std::string& root, const std::string& nameOrPath);
+
+// Removes what a crash of the device's processes left on `root`: temporary files of interrupted
+// file replacements (and nothing else). Called before a device's roles start.
+void removeLeftovers(const std::string& root);
 
 // The app role a device starts: the first app of the profile ("" when it has none).
 std::string deviceAppBundleId(const linuxp::DeviceProfile& profile);

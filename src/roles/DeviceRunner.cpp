@@ -35,6 +35,8 @@ int runDevice(const DeviceRunOptions& options) {
     if (!options.screen.empty()) picture = loadPictureFile(options.screen);
     if (deviceRunning(options.root)) fail("a device already runs on " + options.root);
     forgetKeyboards(options.root);
+    removeLeftovers(options.root);
+    recordDeviceProfile(options.root, profile);
 
     Supervisor supervisor(linuxp::selfExecutable(),
                           {"--root", options.root, "--profile", linuxp::profilePath(options.profile)});

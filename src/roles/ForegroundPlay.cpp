@@ -16,9 +16,11 @@
 #include "device/EventTrace.h"
 #include "device/HidHubClient.h"
 #include "device/ImageFile.h"
+#include "injection/EventSimulate.h"
 #include "library/Encrypt.h"
 #include "library/FileManager.h"
 #include "platform/Platform.h"
+#include "platform/RunLoop.h"
 #include "platform/UserDefaults.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "play/ScriptManager.h"
@@ -26,7 +28,9 @@
 #include "roles/ProcessWiring.h"
 #include "roles/RoleSelection.h"
 #include "roles/Supervisor.h"
+#include "store/DataManager.h"
 #include "store/PlaySettings.h"
+#include "store/PlaySettingsManager.h"
 #include "ui/ConsoleUserInterface.h"
 
 namespace fs = std::filesystem;
@@ -89,7 +93,8 @@ bool sameContent(const fs::path& a, const fs::path& b) {
 // the library root under its file name. Throws with a clear message when there is neither.
 std::string resolveScript(const std::string& script) {
     std::error_code ec;
-    if (!script.empty() && script.front() == '/' && fs::is_regular_file(FileManager::fullPathOfFile(script), ec))
+    if (!script.empty() && script.front() == '/' && fs::is_regular_file(FileManager::fullPathOfFile(script), ec) &&
+        FileManager::isInsideLibrary(script))
         return script;
     if (!fs::is_regular_file(script, ec))
         fail("no script '" + script + "': not in the library (" + FileManager::rootPath() + ") nor a file on disk");
@@ -134,12 +139,32 @@ std::string decryptForPlay(const std::string& path, const PlayRequest& options) 
     return text;
 }
 
+// The settings of this play: the script's stored play settings (their defaults for a script
+// without a row), with what the command line gives on top.
+std::shared_ptr<PlaySettings> playSettingsFor(const std::string& path, const PlayRequest& options) {
+    auto settings = std::make_shared<PlaySettings>(PlaySettingsManager().findPlaySettingsByScriptTitle(path)
+                                                        .value_or(PlaySettings{}));
+    settings->filePath = path;
+    if (options.repeat) settings->repeatTime = *options.repeat;
+    if (options.interval) settings->repeatInterval = *options.interval;
+    if (options.speed) settings->playSpeed = *options.speed;
+    settings->playType = 0;
+    settings->playNowOrLater = 0;
+    settings->showPlayingFinishedAlert = true;
+    if (isEncryptedScript(path)) {
+        settings->scriptContent = decryptForPlay(path, options);
+        settings->playType = 1;
+    }
+    return settings;
+}
+
 }  // namespace
 
 int playScript(const PlayRequest& options) {
     ProcessSetup setup;
     setup.root = options.root;
-    setup.profile = loadProfile(options.profile);
+    const bool deviceUp = deviceRunning(setup.root);
+    setup.profile = profileForCommand(setup.root, options.profile);
     auto console = std::make_shared<ConsoleUserInterface>();
     console->setInteractive(isatty(STDIN_FILENO) != 0);
     if (!options.answers.empty()) console->loadAnswers(options.answers);
@@ -153,7 +178,9 @@ int playScript(const PlayRequest& options) {
     std::unique_ptr<Supervisor> helpers;
     std::unique_ptr<TraceSubscription> traceSubscription;
     if (!options.trace.empty()) startTraceFile(options.trace);
-    if (!deviceRunning(setup.root)) {
+    if (!deviceUp) {
+        removeLeftovers(setup.root);
+        recordDeviceProfile(setup.root, setup.profile);
         helpers = std::make_unique<Supervisor>(
             linuxp::selfExecutable(),
             std::vector<std::string>{"--root", setup.root, "--profile", linuxp::profilePath(options.profile)});
@@ -173,19 +200,8 @@ int playScript(const PlayRequest& options) {
     auto loop = installProcess(setup);
     installAppResources(setup.root);
     if (!FileManager::prepareDirectories()) fail("cannot create the library folders under " + setup.root);
-
-    auto settings = std::make_shared<PlaySettings>();
-    settings->filePath = resolveScript(options.script);
-    settings->repeatTime = options.repeat;
-    settings->repeatInterval = options.interval;
-    settings->playSpeed = options.speed;
-    settings->playType = 0;
-    settings->playNowOrLater = 0;
-    settings->showPlayingFinishedAlert = true;
-    if (isEncryptedScript(settings->filePath)) {
-        settings->scriptContent = decryptForPlay(settings->filePath, options);
-        settings->playType = 1;
-    }
+    DataManager::initDb();
+    auto settings = playSettingsFor(resolveScript(options.script), options);
 
     std::mutex errorMutex;
     std::string scriptError;
@@ -195,29 +211,54 @@ int playScript(const PlayRequest& options) {
     });
     ScriptManager::setPlayEndedHandler([&] { loop->stop(); });
 
-    // Ctrl-C stops the play as the stop button would; a second one leaves at once.
-    asio::signal_set signals(loop->context(), SIGINT, SIGTERM);
+    // The roles this play started are restarted when they die, as a device's are.
+    std::shared_ptr<RunLoop::Timer> reaper;
+    if (helpers)
+        reaper = loop->scheduleTimer(RunLoop::Clock::now(), std::chrono::milliseconds(100),
+                                     [&](RunLoop::Timer&) { helpers->reap(true); });
+
+    // Ctrl-C, SIGTERM, SIGHUP and a reader that went away (SIGPIPE) stop the play as the stop
+    // button would; when no play runs (it never started, or it is ending) they end the process's
+    // loop at once. A second Ctrl-C, SIGTERM or SIGHUP leaves at once, taking the roles this play
+    // started along; more SIGPIPEs from the output still on its way change nothing.
+    asio::signal_set signals(loop->context(), SIGINT, SIGTERM, SIGHUP);
+    signals.add(SIGPIPE);
     int interrupts = 0;
-    std::function<void(const std::error_code&, int)> onSignal = [&](const std::error_code& ec, int) {
+    bool stopping = false;
+    std::function<void(const std::error_code&, int)> onSignal = [&](const std::error_code& ec, int signal) {
         if (ec) return;
-        if (++interrupts > 1) std::_Exit(130);
-        diagnostic("stopping the play (again to quit at once)");
-        ScriptManager::stopPlaying();
+        if (signal != SIGPIPE && ++interrupts > 1) {
+            if (helpers) helpers->stopAll(std::chrono::milliseconds(500));
+            std::_Exit(130);
+        }
+        if (!stopping && Global::sharedInstance().isPlaying()) {
+            stopping = true;
+            if (signal != SIGPIPE) diagnostic("stopping the play (again to quit at once)");
+            ScriptManager::stopPlaying();
+        } else if (!Global::sharedInstance().isPlaying()) {
+            loop->stop();
+        }
         signals.async_wait(onSignal);
     };
     signals.async_wait(onSignal);
 
+    const uint64_t lostBefore = EventSimulate::lostRequests();
     auto& global = Global::sharedInstance();
     global.setCurrentPlaySettings(settings);
     loop->post(ScriptManager::runScript);
     loop->run();
     signals.cancel();
+    if (reaper) reaper->invalidate();
+    ScriptManager::stopPlaying();
     ScriptManager::waitForWorkers();
     ScriptManager::setErrorHandler(nullptr);
     ScriptManager::setPlayEndedHandler(nullptr);
     traceSubscription.reset();
     if (helpers) helpers->stopAll();
 
+    if (const uint64_t lost = EventSimulate::lostRequests() - lostBefore)
+        diagnostic("%llu requests to the input-event role were lost while it was down",
+                   static_cast<unsigned long long>(lost));
     std::lock_guard lock(errorMutex);
     if (!scriptError.empty()) {
         diagnostic("script error: %s", scriptError.c_str());

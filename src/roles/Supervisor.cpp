@@ -1,6 +1,7 @@
 #include "roles/Supervisor.h"
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,6 +36,7 @@ bool Supervisor::start(Role& role) {
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
 
+    const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid < 0) {
         diagnostic("cannot start role %s: %s", role.bundleId.c_str(), std::strerror(errno));
@@ -45,6 +47,10 @@ bool Supervisor::start(Role& role) {
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
+        // A role ends with whoever started it, however that one ends (killed, or a play whose
+        // output pipe closed): the kernel sends it SIGTERM when its parent goes.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent) _exit(0);
         execv(argv[0], argv.data());
         // Only async-signal-safe calls between fork and exec: the supervisor has other threads.
         static const char kCannotRun[] = "tapwright: cannot run the role executable\n";

@@ -35,7 +35,8 @@
 // Values of types the engine does not model (dates, data, arrays, nested dictionaries) read as
 // absent but survive rewrites untouched.
 //
-// Failures to write (permissions, full disk) throw std::runtime_error; reads never throw.
+// Failures to write (permissions, full disk) make setObject/removeObjectForKey answer false, with
+// the reason in lastError(); reads never fail loudly.
 
 namespace tw::linuxp {
 
@@ -176,21 +177,37 @@ std::optional<DefaultsValue> PlistUserDefaults::objectForKey(const std::string& 
     return toValue(node);
 }
 
-void PlistUserDefaults::setObject(const std::string& key, const DefaultsValue& value) {
-    updateDomain(file_, [&](plist_t dict) {
+bool PlistUserDefaults::update(const std::function<bool(plist_t)>& change) {
+    try {
+        updateDomain(file_, change);
+        return true;
+    } catch (const std::exception& e) {
+        std::lock_guard lock(errorMutex_);
+        lastError_ = e.what();
+        return false;
+    }
+}
+
+std::string PlistUserDefaults::lastError() const {
+    std::lock_guard lock(errorMutex_);
+    return lastError_;
+}
+
+bool PlistUserDefaults::setObject(const std::string& key, const DefaultsValue& value) {
+    return update([&](plist_t dict) {
         plist_dict_set_item(dict, key.c_str(), toNode(value));
         return true;
     });
 }
 
-void PlistUserDefaults::removeObjectForKey(const std::string& key) {
+bool PlistUserDefaults::removeObjectForKey(const std::string& key) {
     {
         // Removing what is not there changes nothing: no folder, lock or domain file appears.
         std::lock_guard guard(domainMutex());
         const LoadedDomain loaded = loadDomain(file_);
-        if (loaded.state != FileState::Valid || !plist_dict_get_item(loaded.dict.get(), key.c_str())) return;
+        if (loaded.state != FileState::Valid || !plist_dict_get_item(loaded.dict.get(), key.c_str())) return true;
     }
-    updateDomain(file_, [&](plist_t dict) {
+    return update([&](plist_t dict) {
         if (!plist_dict_get_item(dict, key.c_str())) return false;
         plist_dict_remove_item(dict, key.c_str());
         return true;

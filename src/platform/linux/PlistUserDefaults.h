@@ -2,6 +2,10 @@
 // A user-defaults domain kept as a binary property list file (one per domain), read on every
 // access so that every process of a device sees the same values, and replaced atomically on
 // every write.
+#include <plist/plist.h>
+
+#include <functional>
+#include <mutex>
 #include <string>
 
 #include "platform/UserDefaults.h"
@@ -14,13 +18,19 @@ public:
     explicit PlistUserDefaults(std::string file);
 
     std::optional<DefaultsValue> objectForKey(const std::string& key) override;
-    void setObject(const std::string& key, const DefaultsValue& value) override;
-    void removeObjectForKey(const std::string& key) override;
+    // False, with the reason in lastError(), when the domain file cannot be written.
+    bool setObject(const std::string& key, const DefaultsValue& value) override;
+    bool removeObjectForKey(const std::string& key) override;
+    std::string lastError() const;
 
     const std::string& file() const { return file_; }
 
 private:
+    bool update(const std::function<bool(plist_t)>& change);
+
     std::string file_;
+    mutable std::mutex errorMutex_;
+    std::string lastError_;
 };
 
 }  // namespace tw::linuxp
