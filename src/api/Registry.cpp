@@ -46,6 +46,12 @@ const std::vector<ScriptFunction>& scriptFunctions() {
         {"getOrientation", callSafely<getOrientationProxy, 1>},
         {"dialog", callSafely<dialogProxy, 1>},
         {"clearDialogValues", callSafely<clearDialogValuesProxy, 0>},
+        // Beyond the 36: names that scripts written for newer releases call (documented with the
+        // others; the rest of them are in Extensions.lua).
+        {"toast", callSafely<toastProxy, 0>},
+        {"appActivate", callSafely<appActivateProxy, 0>},
+        {"frontMostAppId", callSafely<frontMostAppIdProxy, 1>},
+        {"openURL", callSafely<openURLProxy, 0>},
     };
     return functions;
 }

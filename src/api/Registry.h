@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/Lua.h"
+#include "play/LuaBridge.h"
 
 namespace tw {
 
@@ -20,11 +21,18 @@ struct ScriptFunction {
 };
 
 // Runs `F`; when a C++ exception leaves it, drops what it pushed and returns `failureResults` nils.
+// A stop requested before the call, or while it ran (a dialog's "Cancel", a stop during a long
+// usleep), ends the script here, as a hook on calls and returns would: the stop hook itself only
+// runs every kStopCheckInstructions instructions.
 template <lua_CFunction F, int failureResults>
 int callSafely(lua_State* L) {
+    auto stopRequested = [] { return luaStopFlag.load(std::memory_order_relaxed) == 1; };
+    if (stopRequested()) return luaL_error(L, "interrupted");
     const int top = lua_gettop(L);
     try {
-        return F(L);
+        const int results = F(L);
+        if (stopRequested()) return luaL_error(L, "interrupted");
+        return results;
     } catch (const std::exception&) {
         lua_settop(L, top);
         for (int i = 0; i < failureResults; ++i) lua_pushnil(L);

@@ -14,6 +14,7 @@
 #include "platform/DeviceInfo.h"
 #include "platform/Pasteboard.h"
 #include "platform/Platform.h"
+#include "platform/RunLoop.h"
 #include "platform/UserInterface.h"
 
 namespace tw {
@@ -188,6 +189,39 @@ int fakeLocationProxy(lua_State* L) {
 int clearFakeLocationProxy(lua_State* L) {
     const char* identifier = luaL_checklstring(L, 1, nullptr);
     TWLocationClient::clearFakeLocationForApp(identifier);
+    return 0;
+}
+
+int toastProxy(lua_State* L) {
+    ToastRequest toast;
+    size_t length = 0;
+    const char* text = luaL_checklstring(L, 1, &length);
+    toast.text.assign(text, length);
+    toast.seconds = luaL_optnumber(L, 2, 2);
+    if (!(toast.seconds > 0)) toast.seconds = 2;
+    const char* position = luaL_optstring(L, 3, "bottom");
+    toast.position = std::string(position) == "top" || std::string(position) == "center" ? position : "bottom";
+    auto ui = Platform::current().ui;
+    if (ui) RunLoop::main().post([ui, toast] { ui->showToast(toast); });
+    return 0;
+}
+
+int appActivateProxy(lua_State* L) {
+    const char* identifier = luaL_checklstring(L, 1, nullptr);
+    if (auto apps = Platform::current().apps) apps->activateApplication(identifier);
+    return 0;
+}
+
+int frontMostAppIdProxy(lua_State* L) {
+    std::string front;
+    if (auto apps = Platform::current().apps) front = apps->frontmostApplication().value_or("");
+    lua_pushstring(L, front.c_str());
+    return 1;
+}
+
+int openURLProxy(lua_State* L) {
+    const char* url = luaL_checklstring(L, 1, nullptr);
+    if (auto apps = Platform::current().apps) apps->openURL(url);
     return 0;
 }
 

@@ -30,6 +30,17 @@ int clipTextProxy(lua_State* L);
 int fakeLocationProxy(lua_State* L);
 int clearFakeLocationProxy(lua_State* L);
 
+// Beyond the system's own functions, for scripts written against newer releases of the API (the
+// rest of those live in Extensions.lua):
+// toast(text [, seconds = 2 [, position = "bottom"]]): a message that waits for nobody.
+int toastProxy(lua_State* L);
+// appActivate(bundleId): the app to the front, launched when it does not run.
+int appActivateProxy(lua_State* L);
+// frontMostAppId(): the app in front, "" on the home screen.
+int frontMostAppIdProxy(lua_State* L);
+// openURL(url): asks the system to open the URL.
+int openURLProxy(lua_State* L);
+
 // Empties the process-wide audio player slot, releasing (and so silencing) its player. For the end
 // of a process and for tests; scripts use stopAudio().
 void releaseAudioPlayer();

@@ -49,4 +49,29 @@ void TWLocationClient::clearFakeLocationForApp(const char* bundleIdentifier) {
     if (!writeTable(path, table.get())) LogToFile("Failed to write data to file when clearing faked location!");
 }
 
+std::optional<FakedLocation> TWLocationClient::fakedLocationForApp(const std::string& bundleIdentifier) {
+    PlistHandle table = readTable(tablePath());
+    if (!table) return std::nullopt;
+    plist_t pair = plist_dict_get_item(table.get(), bundleIdentifier.c_str());
+    if (!pair || plist_get_node_type(pair) != PLIST_ARRAY || plist_array_get_size(pair) != 2) return std::nullopt;
+    double values[2];
+    for (uint32_t i = 0; i < 2; ++i) {
+        plist_t item = plist_array_get_item(pair, i);
+        switch (item ? plist_get_node_type(item) : PLIST_NONE) {
+            case PLIST_REAL:
+                plist_get_real_val(item, &values[i]);
+                break;
+            case PLIST_UINT: {
+                uint64_t whole = 0;
+                plist_get_uint_val(item, &whole);
+                values[i] = static_cast<double>(static_cast<int64_t>(whole));
+                break;
+            }
+            default:
+                return std::nullopt;
+        }
+    }
+    return FakedLocation{values[0], values[1]};
+}
+
 }  // namespace tw

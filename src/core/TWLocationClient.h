@@ -6,7 +6,16 @@
 // Each edit reads the whole table, changes one entry and writes it back atomically (a new file
 // renamed over the old), so a reader never sees half a table. Two writers at once can lose an
 // update. Write failures are only logged.
+#include <optional>
+#include <string>
+
 namespace tw {
+
+struct FakedLocation {
+    double latitude = 0;
+    double longitude = 0;
+    bool operator==(const FakedLocation&) const = default;
+};
 
 class TWLocationClient {
 public:
@@ -17,6 +26,11 @@ public:
     // Removes the app's entry. Without a readable table nothing is written (and nothing created).
     // Logs "Failed to write data to file when clearing faked location!" when it cannot be written.
     static void clearFakeLocationForApp(const char* bundleIdentifier);
+
+    // The app side: the position the table gives the app `bundleIdentifier`, or nullopt when it
+    // has no entry (or the table is missing, unreadable, or its entry is not two numbers). The
+    // app reports this position in place of the real one.
+    static std::optional<FakedLocation> fakedLocationForApp(const std::string& bundleIdentifier);
 };
 
 }  // namespace tw

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "core/AtomicFile.h"
+#include "device/EventTrace.h"
 
 namespace fs = std::filesystem;
 
@@ -246,8 +247,12 @@ std::string deviceProfileJson(const linuxp::DeviceProfile& profile) {
     return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
-DeviceApps::DeviceApps(std::string root, linuxp::DeviceProfile profile, std::string executable)
-    : root_(std::move(root)), profile_(std::move(profile)), executable_(std::move(executable)) {}
+DeviceApps::DeviceApps(std::string root, linuxp::DeviceProfile profile, std::string executable,
+                       std::function<void(const std::string&)> publish)
+    : root_(std::move(root)),
+      profile_(std::move(profile)),
+      executable_(std::move(executable)),
+      publish_(std::move(publish)) {}
 
 bool DeviceApps::isProfileApp(const std::string& bundleId) const {
     if (appPidFile(root_, bundleId).empty()) return false;
@@ -256,14 +261,19 @@ bool DeviceApps::isProfileApp(const std::string& bundleId) const {
     return false;
 }
 
-bool DeviceApps::launchApplication(const std::string& bundleIdentifier, bool /*suspended*/) {
+bool DeviceApps::launchApplication(const std::string& bundleIdentifier, bool suspended) {
     if (!isProfileApp(bundleIdentifier)) return false;
     const std::string dir = appsRunDir(root_);
     std::error_code ec;
     fs::create_directories(dir, ec);
     FileLock lock(dir + "/.launch.lock");
-    if (runningAppPid(root_, bundleIdentifier) > 0) return true;
+    const bool launched = runningAppPid(root_, bundleIdentifier) > 0 || spawnApp(bundleIdentifier);
+    if (launched && !suspended) bringToFront(bundleIdentifier);
+    return launched;
+}
 
+bool DeviceApps::spawnApp(const std::string& bundleIdentifier) {
+    const std::string dir = appsRunDir(root_);
     const std::string profileFile = dir + "/profile.json";
     if (!writeFileAtomically(profileFile, deviceProfileJson(profile_))) return false;
     const int pid = spawnDetached({executable_, "role", bundleIdentifier, "--root", root_, "--profile", profileFile},
@@ -304,6 +314,34 @@ std::vector<AppRecord> DeviceApps::installedApps() {
                         {"CFBundleVersion", app.version},
                         {"ApplicationType", "User"}});
     return apps;
+}
+
+namespace {
+std::string frontFile(const std::string& root) { return appsRunDir(root) + "/front"; }
+}  // namespace
+
+void DeviceApps::bringToFront(const std::string& bundleIdentifier) {
+    std::error_code ec;
+    fs::create_directories(appsRunDir(root_), ec);
+    writeFileAtomically(frontFile(root_), bundleIdentifier);
+}
+
+std::optional<std::string> DeviceApps::frontmostApplication() {
+    const auto front = readWholeFile(frontFile(root_));
+    // An app in front that no longer runs has left the home screen behind.
+    if (!front || front->empty() || !isProfileApp(*front) || runningAppPid(root_, *front) == 0) return std::nullopt;
+    return *front;
+}
+
+bool DeviceApps::activateApplication(const std::string& bundleIdentifier) {
+    return launchApplication(bundleIdentifier, false);
+}
+
+void DeviceApps::openURL(const std::string& url) {
+    if (!publish_) return;
+    auto line = newTraceLine("openURL");
+    line["url"] = url;
+    publish_(dumpTraceLine(line));
 }
 
 }  // namespace tw::device

@@ -11,6 +11,7 @@
 // Activation state names: "running" while an app-role process of the app is alive, else
 // "not running". Identifiers that are not apps of the profile are unknown to the registry.
 #include <chrono>
+#include <functional>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -64,10 +65,12 @@ public:
     // Launching runs `executable role <bundle id> --root <root> --profile <root>/run/apps/profile.json`
     // as a process of its own session (it outlives the launcher), its output appended to
     // "<root>/run/apps/<bundle id>.log". The profile file is written at each launch.
-    DeviceApps(std::string root, linuxp::DeviceProfile profile, std::string executable);
+    // `publish` puts a line into the device's event trace ("openURL" lines).
+    DeviceApps(std::string root, linuxp::DeviceProfile profile, std::string executable,
+               std::function<void(const std::string&)> publish = {});
 
-    // Starts the app unless it runs already (true then). The device has no foreground, so
-    // `suspended` changes nothing. False for an unknown app or when the process could not start.
+    // Starts the app unless it runs already (true then) and, unless `suspended`, brings it to the
+    // front. False for an unknown app or when the process could not start.
     bool launchApplication(const std::string& bundleIdentifier, bool suspended) override;
     // Both lookups find the profile's apps by bundle identifier: the device's display identifiers
     // are its bundle identifiers.
@@ -77,14 +80,26 @@ public:
     void sendSignal(int pid, int signal) override;
     // The profile's apps, all of them user applications.
     std::vector<AppRecord> installedApps() override;
+    // The front app is the last one launched in front or activated, while it runs; it is kept in
+    // "<root>/run/apps/front" so that every process of the device sees the same one.
+    std::optional<std::string> frontmostApplication() override;
+    bool activateApplication(const std::string& bundleIdentifier) override;
+    // The virtual device opens nothing: the URL goes into the event trace as
+    // {"kind":"openURL","time":T,"url":U}.
+    void openURL(const std::string& url) override;
 
 private:
     bool isProfileApp(const std::string& bundleId) const;
     std::optional<ApplicationRecord> lookUp(const std::string& bundleId) const;
 
+    // Starts the app's process; the caller holds the launch lock.
+    bool spawnApp(const std::string& bundleIdentifier);
+    void bringToFront(const std::string& bundleIdentifier);
+
     std::string root_;
     linuxp::DeviceProfile profile_;
     std::string executable_;
+    std::function<void(const std::string&)> publish_;
 };
 
 }  // namespace tw::device

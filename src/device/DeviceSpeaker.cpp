@@ -81,21 +81,6 @@ private:
 
 }  // namespace
 
-HubTracePublisher::HubTracePublisher(std::string runDir) : runDir_(std::move(runDir)) {}
-
-HubTracePublisher::~HubTracePublisher() = default;
-
-bool HubTracePublisher::publish(const std::string& line) {
-    std::lock_guard lock(mutex_);
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        if (!client_) client_ = HidHubClient::connect(runDir_, nullptr);
-        if (!client_) return false;  // no device: the line is dropped
-        if (client_->publish(line)) return true;
-        client_.reset();
-    }
-    return false;
-}
-
 std::string systemSoundTraceLine(uint32_t soundId) {
     ordered_json line = newTraceLine("sound");
     line["systemSound"] = soundId;

@@ -28,24 +28,6 @@ class HidHubClient;
 
 using TracePublish = std::function<void(const std::string& line)>;
 
-// Publishes lines into the trace of the device whose run folder is `runDir`: connects to its hub on
-// first use, and once more when the hub has gone away (the input-event role restarted). Lines are
-// dropped when no hub answers. Thread-safe.
-class HubTracePublisher {
-public:
-    explicit HubTracePublisher(std::string runDir);
-    ~HubTracePublisher();
-    HubTracePublisher(const HubTracePublisher&) = delete;
-    HubTracePublisher& operator=(const HubTracePublisher&) = delete;
-
-    // True when the hub took the line.
-    bool publish(const std::string& line);
-
-private:
-    std::mutex mutex_;
-    std::string runDir_;
-    std::unique_ptr<HidHubClient> client_;
-};
 
 std::string systemSoundTraceLine(uint32_t soundId);
 // `loops` is written for "play" only.

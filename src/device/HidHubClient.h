@@ -1,10 +1,13 @@
 #pragma once
 // A client of a running device's HID hub (see VirtualHidSystem.h), for other processes: the
-// `tapwright events` command, app roles publishing their text lines, a play that writes the trace
-// of a device it does not own. Blocking socket calls; readLine() waits with poll(). Not thread-safe.
+// `tapwright events` command, app roles publishing their trace lines, a play that writes the trace
+// of a device it does not own. Blocking; not thread-safe.
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+
+#include "platform/linux/LineClient.h"
 
 namespace tw::device {
 
@@ -13,31 +16,39 @@ public:
     // Connects to the hub of the device whose run folder is `runDir` ("<root>/run"). Null, with the
     // reason in `error`, when no device listens there.
     static std::unique_ptr<HidHubClient> connect(const std::string& runDir, std::string* error);
-    ~HidHubClient();
-    HidHubClient(const HidHubClient&) = delete;
-    HidHubClient& operator=(const HidHubClient&) = delete;
 
     // Puts one JSON object line into the device's trace. False when the line cannot be a hub line
     // (it holds a newline or is too long) or the hub is gone. The hub closes the connection when
     // the line is not a JSON object.
     bool publish(const std::string& jsonObjectLine);
     // Asks for every trace line the device delivers from now on.
-    bool subscribe();
-    // The next line, without its newline. Null when `timeoutMs` passed first (a negative timeout
-    // waits for ever) or when the hub closed the connection; closed() tells which.
-    std::optional<std::string> readLine(int timeoutMs);
-    bool closed() const { return closed_; }
+    bool subscribe() { return line_->sendLine("subscribe"); }
+    // The next trace line (see LineClient::readLine).
+    std::optional<std::string> readLine(int timeoutMs) { return line_->readLine(timeoutMs); }
+    bool closed() const { return line_->closed(); }
 
 private:
-    explicit HidHubClient(int fd) : fd_(fd) {}
-    bool sendLine(const std::string& line);
-    void markClosed();
+    explicit HidHubClient(std::unique_ptr<linuxp::LineClient> line) : line_(std::move(line)) {}
+    std::unique_ptr<linuxp::LineClient> line_;
+};
 
-    int fd_;
-    bool closed_ = false;
-    std::string rx_;
-    size_t rxStart_ = 0;    // rx_ bytes before this were already returned
-    size_t rxScanned_ = 0;  // rx_ bytes before this hold no newline past rxStart_
+// Publishes lines into the trace of the device whose run folder is `runDir`: connects to its hub on
+// first use, and once more when the hub has gone away (the input-event role restarted). Lines are
+// dropped when no hub answers. Thread-safe.
+class HubTracePublisher {
+public:
+    explicit HubTracePublisher(std::string runDir);
+    ~HubTracePublisher();
+    HubTracePublisher(const HubTracePublisher&) = delete;
+    HubTracePublisher& operator=(const HubTracePublisher&) = delete;
+
+    // True when the hub took the line.
+    bool publish(const std::string& line);
+
+private:
+    std::mutex mutex_;
+    std::string runDir_;
+    std::unique_ptr<HidHubClient> client_;
 };
 
 // Sends one JSON line of hardware input (a person's finger or button, see VirtualHidSystem.h) to

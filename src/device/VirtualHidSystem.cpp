@@ -1,19 +1,8 @@
 #include "device/VirtualHidSystem.h"
-#include "core/Diagnostics.h"
-
-#include <asio/local/stream_protocol.hpp>
-#include <asio/steady_timer.hpp>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cassert>
-#include <cerrno>
 #include <cmath>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <map>
@@ -21,9 +10,10 @@
 #include <string_view>
 #include <vector>
 
+#include "core/Diagnostics.h"
 #include "device/EventTrace.h"
 #include "platform/linux/AsioRunLoop.h"
-#include "platform/linux/OutgoingQueue.h"
+#include "platform/linux/LineServer.h"
 #include "platform/linux/UnixMessagePorts.h"
 
 namespace tw::device {
@@ -33,8 +23,6 @@ std::string hardwareSocketPath(const std::string& runDir) { return runDir + "/ha
 
 namespace {
 
-using Socket = asio::local::stream_protocol::socket;
-using Acceptor = asio::local::stream_protocol::acceptor;
 
 // Deeper JSON than this is refused before parsing: nothing legitimate nests that far, and writing
 // a value back out recurses once per level.
@@ -62,21 +50,6 @@ bool nestingWithin(std::string_view text, int limit) {
         }
     }
     return true;
-}
-
-// Binds a listening stream socket at the abstract address for `path`; -1 and errno on failure.
-int listenAt(const std::string& path) {
-    sockaddr_un address;
-    const socklen_t length = linuxp::abstractSocketAddress(path, address);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) return -1;
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 || ::listen(fd, SOMAXCONN) != 0) {
-        const int saved = errno;
-        ::close(fd);
-        errno = saved;
-        return -1;
-    }
-    return fd;
 }
 
 std::optional<uint32_t> unsignedField(const nlohmann::json& object, const char* key, uint64_t max) {
@@ -121,69 +94,36 @@ struct HardwareFinger {
 class VirtualHidSystem::Core : public std::enable_shared_from_this<Core> {
 public:
     Core(linuxp::AsioRunLoop& loop, std::string runDir, ScreenPixels screen, std::optional<std::string> traceFile)
-        : loop_(loop),
-          runDir_(std::move(runDir)),
-          screen_(screen),
-          hub_(loop.context()),
-          hardware_(loop.context()),
-          hubRetry_(loop.context()),
-          hardwareRetry_(loop.context()) {
+        : loop_(loop), runDir_(std::move(runDir)), screen_(screen) {
         if (traceFile) trace_.emplace(*traceFile);
     }
 
-    enum class Kind { Hub, Hardware };
-
-    struct Connection {
-        Connection(asio::io_context& context, Kind kind) : socket(context), kind(kind) {}
-        Socket socket;
-        const Kind kind;
-        bool closed = false;
-        std::array<char, 16 * 1024> chunk{};
-        std::string inbox;
-        size_t scanned = 0;  // inbox bytes already known to hold no newline
-        bool subscriber = false;
-        // Outgoing trace lines of a subscriber: the buffer being written and the lines behind it.
-        linuxp::OutgoingQueue outgoing;
-    };
-    using ConnectionPtr = std::shared_ptr<Connection>;
+    using ConnectionPtr = linuxp::LineServer::ConnectionPtr;
 
     bool start(std::string* error) {
         if (running_) return true;
         std::error_code ignored;
         std::filesystem::create_directories(runDir_, ignored);
-        auto fail = [&](const std::string& message) {
-            if (error) *error = message;
+        stopped_ = false;
+        // The servers call back into the core through a weak pointer: they may outlive it.
+        std::weak_ptr<Core> weak = shared_from_this();
+        hub_ = linuxp::LineServer::create(
+            loop_.context(), "hid hub", kMaxHidLine, kMaxSubscriberBacklog,
+            [weak](const ConnectionPtr& connection, std::string_view line) {
+                if (auto self = weak.lock()) self->hubLine(connection, line);
+            },
+            [weak](const ConnectionPtr&) {
+                if (auto self = weak.lock()) self->pruneSubscribers();
+            });
+        hardware_ = linuxp::LineServer::create(loop_.context(), "hid hardware input", kMaxHidLine, kMaxHidLine,
+                                               [weak](const ConnectionPtr&, std::string_view line) {
+                                                   if (auto self = weak.lock()) self->hardwareLine(line);
+                                               });
+        if (!hub_->listen(hubSocketPath(runDir_), error) || !hardware_->listen(hardwareSocketPath(runDir_), error)) {
             closeAll();
             return false;
-        };
-        auto bindError = [&](const std::string& path) {
-            const int code = errno;
-            if (code == EADDRINUSE)
-                return "cannot listen at " + path + ": another device is already running on " + runDir_;
-            return "cannot listen at " + path + ": " + std::strerror(code);
-        };
-
-        stopped_ = false;
-        const std::string hubPath = hubSocketPath(runDir_);
-        const int hubFd = listenAt(hubPath);
-        if (hubFd < 0) return fail(bindError(hubPath));
-        asio::error_code code;
-        hub_.assign(asio::local::stream_protocol(), hubFd, code);
-        if (code) {
-            ::close(hubFd);
-            return fail("cannot listen at " + hubPath + ": " + code.message());
-        }
-        const std::string hardwarePath = hardwareSocketPath(runDir_);
-        const int hardwareFd = listenAt(hardwarePath);
-        if (hardwareFd < 0) return fail(bindError(hardwarePath));
-        hardware_.assign(asio::local::stream_protocol(), hardwareFd, code);
-        if (code) {
-            ::close(hardwareFd);
-            return fail("cannot listen at " + hardwarePath + ": " + code.message());
         }
         running_ = true;
-        startAccept(Kind::Hub);
-        startAccept(Kind::Hardware);
         return true;
     }
 
@@ -221,7 +161,7 @@ public:
         if (!subscribers_.empty()) {
             // A copy: a subscriber that fell behind is closed, and so leaves subscribers_, on the way.
             const std::vector<ConnectionPtr> subscribers = subscribers_;
-            for (const auto& subscriber : subscribers) queueLine(subscriber, line);
+            for (const auto& subscriber : subscribers) hub_->send(subscriber, line);
         }
         // By index and by copy: a listener may add listeners.
         for (size_t i = 0; i < listeners_.size(); ++i) {
@@ -244,102 +184,16 @@ public:
 
     // --- Connections ---------------------------------------------------------------------------
 
-    void startAccept(Kind kind) {
-        Acceptor& acceptor = kind == Kind::Hub ? hub_ : hardware_;
-        auto connection = std::make_shared<Connection>(loop_.context(), kind);
-        acceptor.async_accept(connection->socket, [self = shared_from_this(), connection](const asio::error_code& error) {
-            self->accepted(connection, error);
-        });
-    }
-
-    void accepted(const ConnectionPtr& connection, const asio::error_code& error) {
-        asio::error_code ignored;
-        if (stopped_) {
-            connection->socket.close(ignored);
-            return;
-        }
-        if (error) {
-            if (error == asio::error::operation_aborted) return;
-            // Typically out of descriptors: back off instead of spinning on the failure.
-            report("accept failed: " + error.message());
-            asio::steady_timer& retry = connection->kind == Kind::Hub ? hubRetry_ : hardwareRetry_;
-            retry.expires_after(std::chrono::milliseconds(100));
-            retry.async_wait([self = shared_from_this(), kind = connection->kind](const asio::error_code& timerError) {
-                if (!timerError && !self->stopped_) self->startAccept(kind);
-            });
-            return;
-        }
-        connections_.push_back(connection);
-        startRead(connection);
-        startAccept(connection->kind);
-    }
-
-    void startRead(const ConnectionPtr& connection) {
-        connection->socket.async_read_some(
-            asio::buffer(connection->chunk),
-            [self = shared_from_this(), connection](const asio::error_code& error, size_t count) {
-                self->received(connection, error, count);
-            });
-    }
-
-    void received(const ConnectionPtr& connection, const asio::error_code& error, size_t count) {
-        if (stopped_ || connection->closed) return;
-        if (error) {  // end of stream or a broken connection
-            close(connection);
-            return;
-        }
-        auto& inbox = connection->inbox;
-        inbox.append(connection->chunk.data(), count);
-        size_t start = 0;
-        for (;;) {
-            const size_t newline = inbox.find('\n', std::max(start, connection->scanned));
-            if (newline == std::string::npos) break;
-            if (newline - start > kMaxHidLine) {
-                close(connection);
-                return;
-            }
-            const std::string_view line(inbox.data() + start, newline - start);
-            start = newline + 1;
-            if (connection->kind == Kind::Hub) hubLine(connection, line);
-            else hardwareLine(connection, line);
-            if (stopped_ || connection->closed) return;
-        }
-        inbox.erase(0, start);
-        connection->scanned = inbox.size();
-        if (inbox.size() > kMaxHidLine) {  // a line that can no longer end in time
-            close(connection);
-            return;
-        }
-        startRead(connection);
-    }
-
-    void close(const ConnectionPtr& connection) {
-        if (connection->closed) return;
-        connection->closed = true;
-        asio::error_code ignored;
-        connection->socket.close(ignored);
-        std::erase(connections_, connection);
-        if (connection->subscriber) pruneSubscribers();
-    }
-
     void pruneSubscribers() {
-        std::erase_if(subscribers_, [](const ConnectionPtr& c) { return c->closed; });
+        std::erase_if(subscribers_, [](const ConnectionPtr& c) { return linuxp::LineServer::isClosed(c); });
         subscriberCount_ = subscribers_.size();
     }
 
     void closeAll() {
         stopped_ = true;
         running_ = false;
-        asio::error_code ignored;
-        hub_.close(ignored);
-        hardware_.close(ignored);
-        hubRetry_.cancel();
-        hardwareRetry_.cancel();
-        for (auto& connection : connections_) {
-            connection->closed = true;
-            connection->socket.close(ignored);
-        }
-        connections_.clear();
+        if (hub_) hub_->stop();
+        if (hardware_) hardware_->stop();
         subscribers_.clear();
         subscriberCount_ = 0;
     }
@@ -349,8 +203,7 @@ public:
     void hubLine(const ConnectionPtr& connection, std::string_view line) {
         constexpr std::string_view kPublish = "publish ";
         if (line == "subscribe") {
-            if (!connection->subscriber) {
-                connection->subscriber = true;
+            if (std::find(subscribers_.begin(), subscribers_.end(), connection) == subscribers_.end()) {
                 subscribers_.push_back(connection);
                 subscriberCount_ = subscribers_.size();
             }
@@ -367,41 +220,12 @@ public:
                 }
             }
         }
-        close(connection);
-    }
-
-    // Queues a line for a subscriber; false when the subscriber fell too far behind and was closed.
-    bool queueLine(const ConnectionPtr& connection, const std::string& line) {
-        if (connection->closed) return false;
-        if (connection->outgoing.backlog() + line.size() + 1 > kMaxSubscriberBacklog) {
-            report("dropping a hub subscriber that stopped reading");
-            close(connection);
-            return false;
-        }
-        if (connection->outgoing.push(line, "\n")) startWrite(connection);
-        return true;
-    }
-
-    void startWrite(const ConnectionPtr& connection) {
-        connection->socket.async_write_some(
-            asio::buffer(connection->outgoing.data(), connection->outgoing.size()),
-            [self = shared_from_this(), connection](const asio::error_code& error, size_t count) {
-                self->wrote(connection, error, count);
-            });
-    }
-
-    void wrote(const ConnectionPtr& connection, const asio::error_code& error, size_t count) {
-        if (stopped_ || connection->closed) return;
-        if (error) {
-            close(connection);
-            return;
-        }
-        if (connection->outgoing.wrote(count)) startWrite(connection);
+        hub_->close(connection);
     }
 
     // --- Hardware input ----------------------------------------------------------------------
 
-    void hardwareLine(const ConnectionPtr&, std::string_view line) {
+    void hardwareLine(std::string_view line) {
         if (!hardwareInput(line)) ++badInput_;
     }
 
@@ -500,11 +324,8 @@ public:
 
     bool running_ = false;
     bool stopped_ = false;
-    Acceptor hub_;
-    Acceptor hardware_;
-    asio::steady_timer hubRetry_;
-    asio::steady_timer hardwareRetry_;
-    std::vector<ConnectionPtr> connections_;
+    std::shared_ptr<linuxp::LineServer> hub_;
+    std::shared_ptr<linuxp::LineServer> hardware_;
     std::vector<ConnectionPtr> subscribers_;
     std::map<uint32_t, HardwareFinger> fingers_;
 

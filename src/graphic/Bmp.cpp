@@ -212,15 +212,19 @@ int screenshot(const char* path, const region_t* region) {
     return save_screenshot(device == path ? *savePath : Paths::resolve(*savePath), region);
 }
 
-void takeCurrentScreenshot() {
+std::optional<std::string> take_current_screenshot() {
     if (const auto sounds = Platform::current().sounds) sounds->playSystemSound(kScreenshotSound);
     const std::time_t now = std::time(nullptr);
     std::tm local{};
     localtime_r(&now, &local);
     char stamp[64];
     std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-    const std::string path = Paths::scriptsDir() + "/" + stamp + ".bmp";
-    screenshot(path.c_str(), nullptr);
+    const std::string name = std::string("/") + stamp + ".bmp";
+    const std::string path = Paths::scriptsDir() + name;
+    if (screenshot(path.c_str(), nullptr) != 1) return std::nullopt;
+    return name;
 }
+
+void takeCurrentScreenshot() { take_current_screenshot(); }
 
 }  // namespace tw

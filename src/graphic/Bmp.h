@@ -66,5 +66,8 @@ int save_screenshot(const std::string& file, const region_t* region);
 // Plays the screenshot sound and writes the whole screen to "<yyyy-MM-dd HH:mm:ss>.bmp" (local
 // time) in the script library.
 void takeCurrentScreenshot();
+// The same, telling where the picture went: its library path ("/2026-11-23 10:20:30.bmp"), or
+// nullopt when nothing was written.
+std::optional<std::string> take_current_screenshot();
 
 }  // namespace tw

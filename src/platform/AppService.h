@@ -36,6 +36,13 @@ public:
     virtual void sendSignal(int pid, int signal) = 0;
     // The installed applications: user applications first, then system applications.
     virtual std::vector<AppRecord> installedApps() = 0;
+    // The bundle identifier of the application in front; nullopt on the home screen.
+    virtual std::optional<std::string> frontmostApplication() = 0;
+    // Brings the application to the front, launching it when it does not run. False for an
+    // application the registry does not know or one that cannot start.
+    virtual bool activateApplication(const std::string& bundleIdentifier) = 0;
+    // Asks the system to open a URL (in the application that handles it).
+    virtual void openURL(const std::string& url) = 0;
 };
 
 // The process signal that asks a process to end.

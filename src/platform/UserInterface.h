@@ -26,12 +26,24 @@ struct DialogControl {
     std::string value;                 // an input's text, a picker's chosen option
     std::vector<std::string> options;  // a picker's options
     bool on = false;                   // a switch's state
+    bool numeric = false;              // a switch given as 0/1: its answer goes back as 0/1 too
+};
+
+// A button of a form; when a form has buttons they replace "Cancel" and "Confirm".
+struct DialogButton {
+    std::string title;
+    uint32_t color = 0;          // 0xRRGGBB
+    double width = 1.0;          // share of the form's width, at most 1
+    int64_t flag = 0;            // what the script gets back when it is pressed
+    bool collectInputs = false;  // whether pressing it hands back (and remembers) the answers
 };
 
 struct DialogRequest {
     std::string scriptPath;  // the library path of the script that asks
     std::vector<DialogControl> controls;
     bool remember = false;   // the initial state of the form's "Remember" switch
+    std::vector<DialogButton> buttons;  // empty: "Cancel" and "Confirm"
+    std::vector<int> orientations;      // the orientations the form may take (1 to 4); empty: any
 };
 
 // What the user answered: per key, the text of an input or picker, or the state of a switch.
@@ -41,6 +53,14 @@ struct DialogResponse {
     bool cancelled = false;
     bool remember = false;
     std::map<std::string, DialogAnswer> answers;
+    std::optional<size_t> button;  // a form with buttons: the index of the one pressed
+};
+
+// A short message that waits for nobody and goes away by itself.
+struct ToastRequest {
+    std::string text;
+    double seconds = 2;
+    std::string position = "bottom";  // "top", "center" or "bottom"
 };
 
 class UserInterface {
@@ -51,6 +71,8 @@ public:
     // Shows a form with "Cancel" and "Confirm" and waits for the user. Called on the main run
     // loop; an interface that cannot ask anybody answers as "Cancel" would.
     virtual DialogResponse showDialog(const DialogRequest& request) = 0;
+    // Shows a toast; returns at once.
+    virtual void showToast(const ToastRequest& toast) = 0;
 };
 
 class SoundService {

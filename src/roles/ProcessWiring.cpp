@@ -11,6 +11,8 @@
 #include "device/DeviceBundles.h"
 #include "device/DevicePasteboard.h"
 #include "device/DeviceSpeaker.h"
+#include "device/DeviceUserInterface.h"
+#include "device/HidHubClient.h"
 #include "device/VirtualDisplay.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxPlatform.h"
@@ -66,14 +68,19 @@ std::shared_ptr<linuxp::AsioRunLoop> installProcess(const ProcessSetup& setup) {
         std::make_shared<linuxp::PlistUserDefaults>(Paths::preferencesFile(settings::kHomeScreenDomain));
     platform.device = std::make_shared<linuxp::ProfileDeviceInfo>(setup.profile, setup.bundleId);
     platform.display = std::make_shared<device::VirtualDisplay>(Paths::runDir());
-    platform.ui = setup.ui;
-    // The device's speaker traces what it plays and passes system sounds on to the role's own.
+    // What the engine shows goes to the role's own interface; toasts and sounds also go into the
+    // device's event trace, as the device's screen and speaker.
     auto publisher = std::make_shared<device::HubTracePublisher>(Paths::runDir());
+    if (setup.ui)
+        platform.ui = std::make_shared<device::DeviceUserInterface>(
+            setup.ui, [publisher](const std::string& line) { publisher->publish(line); });
     auto speaker = std::make_shared<device::DeviceSpeaker>(
         [publisher](const std::string& line) { publisher->publish(line); }, setup.sounds);
     platform.sounds = speaker;
     platform.audio = speaker;
-    platform.apps = std::make_shared<device::DeviceApps>(Paths::root(), setup.profile, linuxp::selfExecutable());
+    platform.apps = std::make_shared<device::DeviceApps>(
+        Paths::root(), setup.profile, linuxp::selfExecutable(),
+        [publisher](const std::string& line) { publisher->publish(line); });
     platform.pasteboard = std::make_shared<device::DevicePasteboard>(Paths::root());
     platform.bundles = std::make_shared<device::DeviceBundleInfo>(Paths::root());
     if (setup.bundleId == kHomeScreenBundleId) {

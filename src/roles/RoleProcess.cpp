@@ -1,5 +1,7 @@
 #include "roles/RoleProcess.h"
 
+#include <sys/stat.h>
+
 #include <asio/signal_set.hpp>
 #include <csignal>
 #include <cstdio>
@@ -7,6 +9,7 @@
 
 #include "core/Diagnostics.h"
 #include "core/Paths.h"
+#include "core/TWLocationClient.h"
 #include "device/DeviceApps.h"
 #include "device/EventTrace.h"
 #include "device/HidHubClient.h"
@@ -17,10 +20,13 @@
 #include "injection/TextInput.h"
 #include "injection/records/MessageIds.h"
 #include "library/FileManager.h"
+#include "store/DataManager.h"
 #include "platform/DeviceInfo.h"
 #include "platform/MessagePort.h"
 #include "platform/Platform.h"
+#include "platform/RunLoop.h"
 #include "platform/linux/UnixNotificationCenter.h"
+#include "roles/ControlSocket.h"
 #include "roles/ProcessWiring.h"
 #include "roles/RoleSelection.h"
 #include "ui/ConsoleUserInterface.h"
@@ -29,23 +35,59 @@ namespace tw::roles {
 
 namespace {
 
-// Puts the field's edits into the device's event trace through the input-event role's hub.
-class TextTracePublisher {
+// The app side of location faking: the app looks its own entry up in the locations table when it
+// starts and whenever the table changes, and shows what it would report as a "location" line in
+// the trace: {"kind":"location","time":T,"bundle":B,"latitude":LAT,"longitude":LON}, or
+// "cleared":true in place of the position when its entry is gone.
+class LocationWatcher {
 public:
-    TextTracePublisher(std::string runDir, std::string bundleId) : runDir_(std::move(runDir)), bundleId_(std::move(bundleId)) {}
-    void publish(const std::string& field) {
-        const std::string line = device::textTraceLine(bundleId_, field);
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            if (!client_) client_ = device::HidHubClient::connect(runDir_, nullptr);
-            if (client_ && client_->publish(line)) return;
-            client_.reset();  // the input-event role restarted: connect again once
-        }
+    LocationWatcher(RunLoop& loop, std::string bundleId, device::HubTracePublisher& publisher)
+        : bundleId_(std::move(bundleId)), publisher_(publisher) {
+        check(true);
+        timer_ = loop.scheduleTimer(RunLoop::Clock::now() + kInterval, kInterval, [this](RunLoop::Timer&) { check(false); });
+    }
+    ~LocationWatcher() {
+        if (timer_) timer_->invalidate();
     }
 
 private:
-    std::string runDir_;
+    static constexpr std::chrono::milliseconds kInterval{200};
+
+    // The table's identity and change time: a replaced or rewritten table looks different.
+    std::string stamp() const {
+        struct stat st {};
+        if (::stat(Paths::resolve(kLocationsPath).c_str(), &st) != 0) return "";
+        return std::to_string(st.st_ino) + ":" + std::to_string(st.st_mtim.tv_sec) + "." +
+               std::to_string(st.st_mtim.tv_nsec) + ":" + std::to_string(st.st_size);
+    }
+
+    // `force` reports even an unchanged position: at start, and until the hub has taken a line
+    // (the input-event role may come up after the app).
+    void check(bool force) {
+        force = force || !delivered_;
+        const std::string now = stamp();
+        if (!force && now == stamp_) return;
+        stamp_ = now;
+        const auto location = TWLocationClient::fakedLocationForApp(bundleId_);
+        if (!force && location == reported_) return;
+        reported_ = location;
+        auto line = device::newTraceLine("location");
+        line["bundle"] = bundleId_;
+        if (location) {
+            line["latitude"] = location->latitude;
+            line["longitude"] = location->longitude;
+        } else {
+            line["cleared"] = true;
+        }
+        delivered_ = publisher_.publish(device::dumpTraceLine(line));
+    }
+
     std::string bundleId_;
-    std::unique_ptr<device::HidHubClient> client_;
+    device::HubTracePublisher& publisher_;
+    std::string stamp_;
+    std::optional<FakedLocation> reported_;
+    bool delivered_ = false;
+    std::shared_ptr<RunLoop::Timer> timer_;
 };
 
 bool isProfileApp(const linuxp::DeviceProfile& profile, const std::string& bundleId) {
@@ -101,16 +143,23 @@ int runRole(const RoleOptions& options) {
     if (isApp) running = std::make_unique<device::RunningAppMarker>(Paths::root(), options.bundleId);
 
     device::TextField field;
-    TextTracePublisher publisher(run, options.bundleId);
+    device::HubTracePublisher publisher(run);
     std::unique_ptr<Keyboard> keyboard;
+    std::unique_ptr<LocationWatcher> location;
     if (isApp) {
-        field.setOnEdited([&](const std::string& text) { publisher.publish(text); });
+        field.setOnEdited(
+            [&](const std::string& text) { publisher.publish(device::textTraceLine(options.bundleId, text)); });
         if (roles.textInput) keyboard = std::make_unique<Keyboard>(*notifications, *loop, field);
+        location = std::make_unique<LocationWatcher>(*loop, options.bundleId, publisher);
     }
 
+    // The home screen: the library, the settings database and the control socket.
+    std::unique_ptr<ControlSocket> control;
     if (roles.homeScreen) {
         installAppResources(Paths::root());
         FileManager::prepareDirectories();
+        DataManager::initDb();
+        control = std::make_unique<ControlSocket>(*loop, run);
     }
 
     asio::signal_set signals(loop->context(), SIGINT, SIGTERM);
@@ -119,7 +168,9 @@ int runRole(const RoleOptions& options) {
     });
     loop->run();
 
+    control.reset();
     keyboard.reset();
+    location.reset();
     if (injector && injector->port()) injector->port()->invalidate();
     if (hidSystem) hidSystem->stop();
     return 0;

@@ -1,5 +1,6 @@
 #include "ui/ConsoleUserInterface.h"
 
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -14,6 +15,11 @@ void ConsoleUserInterface::showAlert(const AlertRequest& alert) {
     line += alert.message;
     for (const auto& b : alert.buttons) line += " [" + b + "]";
     std::fprintf(out_, "%s\n", line.c_str());
+    std::fflush(out_);
+}
+
+void ConsoleUserInterface::showToast(const ToastRequest& toast) {
+    std::fprintf(out_, "[toast] %s\n", toast.text.c_str());
     std::fflush(out_);
 }
 
@@ -35,7 +41,19 @@ DialogResponse dialogResponseFromJson(const DialogRequest& request, const std::s
     if (!json.is_object()) throw std::runtime_error("a dialog answer must be a JSON object");
     DialogResponse response;
     response.remember = json.value("remember", request.remember);
-    if (json.value("cancel", false)) {
+    if (!request.buttons.empty()) {
+        // A form with buttons is answered by pressing one, named by its flag (the first by default).
+        const auto pressed = json.find("button");
+        if (pressed != json.end() && !pressed->is_number_integer())
+            throw std::runtime_error("\"button\" must be the flag of one of the form's buttons");
+        response.button = 0;
+        if (pressed != json.end()) {
+            response.button.reset();
+            for (size_t i = 0; i < request.buttons.size() && !response.button; ++i)
+                if (request.buttons[i].flag == pressed->get<int64_t>()) response.button = i;
+            if (!response.button) throw std::runtime_error("no button of the form has the flag " + pressed->dump());
+        }
+    } else if (json.value("cancel", false)) {
         response.cancelled = true;
         return response;
     }
@@ -43,7 +61,15 @@ DialogResponse dialogResponseFromJson(const DialogRequest& request, const std::s
         if (control.type == DialogControlType::Label) continue;
         auto it = json.find(control.key);
         if (control.type == DialogControlType::Switch) {
-            const bool on = it == json.end() ? control.on : it->is_boolean() ? it->get<bool>() : throw std::runtime_error("the answer for '" + control.key + "' must be true or false");
+            bool on = control.on;
+            if (it != json.end()) {
+                if (it->is_boolean())
+                    on = it->get<bool>();
+                else if (it->is_number_integer() && (it->get<int64_t>() == 0 || it->get<int64_t>() == 1))
+                    on = it->get<int64_t>() == 1;
+                else
+                    throw std::runtime_error("the answer for '" + control.key + "' must be true, false, 0 or 1");
+            }
             response.answers[control.key] = on;
             continue;
         }
@@ -91,6 +117,12 @@ DialogResponse ConsoleUserInterface::showDialog(const DialogRequest& request) {
         }
     }
     if (interactive_) return ask(request);
+    if (!request.buttons.empty()) {
+        std::fprintf(out_, "[dialog] no terminal and no answers left: pressing \"%s\"\n",
+                     request.buttons.front().title.c_str());
+        std::fflush(out_);
+        return dialogResponseFromJson(request, "{}");
+    }
     std::fprintf(out_, "[dialog] no terminal and no answers left (tapwright play --answers FILE): cancelled\n");
     std::fflush(out_);
     return DialogResponse{true, false, {}};
@@ -153,6 +185,21 @@ DialogResponse ConsoleUserInterface::ask(const DialogRequest& request) {
     const std::string remember = readLine(in_);
     if (remember == "on" || remember == "yes") response.remember = true;
     if (remember == "off" || remember == "no") response.remember = false;
+    if (!request.buttons.empty()) {
+        for (;;) {
+            std::fprintf(out_, "  Press");
+            for (size_t i = 0; i < request.buttons.size(); ++i)
+                std::fprintf(out_, " [%zu] %s", i + 1, request.buttons[i].title.c_str());
+            std::fprintf(out_, " [1]: ");
+            std::fflush(out_);
+            if (std::feof(in_)) return DialogResponse{true, false, {}};
+            const std::string line = readLine(in_);
+            const size_t chosen = line.empty() ? 1 : std::strtoul(line.c_str(), nullptr, 10);
+            if (chosen < 1 || chosen > request.buttons.size()) continue;
+            response.button = chosen - 1;
+            break;
+        }
+    }
     return response;
 }
 

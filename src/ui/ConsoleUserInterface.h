@@ -10,13 +10,15 @@
 namespace tw {
 
 // Dialogs are answered from an answers file first (one JSON object per dialog, in order: the
-// answers by key, or {"cancel": true}), then by asking on the terminal; with neither, a dialog
-// is cancelled with a message.
+// answers by key, or {"cancel": true}, and for a form with buttons {"button": FLAG, ...}), then by
+// asking on the terminal; with neither, a dialog is cancelled with a message (a form with buttons
+// gets its first button). Toasts are printed as "[toast] text".
 class ConsoleUserInterface : public UserInterface {
 public:
     explicit ConsoleUserInterface(std::FILE* out = stderr, std::FILE* in = stdin) : out_(out), in_(in) {}
     void showAlert(const AlertRequest& alert) override;
     DialogResponse showDialog(const DialogRequest& request) override;
+    void showToast(const ToastRequest& toast) override;
 
     // Loads the answers file: a JSON array of objects. Throws std::runtime_error with the reason.
     void loadAnswers(const std::string& path);

@@ -16,6 +16,16 @@ DialogResponse HeadlessUserInterface::showDialog(const DialogRequest& request) {
     return response;
 }
 
+void HeadlessUserInterface::showToast(const ToastRequest& toast) {
+    std::lock_guard lock(mutex_);
+    toasts_.push_back(toast);
+}
+
+std::vector<ToastRequest> HeadlessUserInterface::toasts() const {
+    std::lock_guard lock(mutex_);
+    return toasts_;
+}
+
 std::vector<DialogRequest> HeadlessUserInterface::dialogs() const {
     std::lock_guard lock(mutex_);
     return dialogs_;
@@ -35,6 +45,7 @@ void HeadlessUserInterface::clear() {
     std::lock_guard lock(mutex_);
     alerts_.clear();
     dialogs_.clear();
+    toasts_.clear();
     responses_.clear();
 }
 

@@ -14,8 +14,10 @@ public:
     void showAlert(const AlertRequest& alert) override;
     // Answers from the queue, first in first out; "Cancel" once it is empty.
     DialogResponse showDialog(const DialogRequest& request) override;
+    void showToast(const ToastRequest& toast) override;
 
     std::vector<AlertRequest> alerts() const;
+    std::vector<ToastRequest> toasts() const;
     std::vector<DialogRequest> dialogs() const;
     void queueDialogResponse(DialogResponse response);
     void clear();
@@ -24,6 +26,7 @@ private:
     mutable std::mutex mutex_;
     std::vector<AlertRequest> alerts_;
     std::vector<DialogRequest> dialogs_;
+    std::vector<ToastRequest> toasts_;
     std::deque<DialogResponse> responses_;
 };
 

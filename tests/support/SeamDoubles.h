@@ -144,8 +144,14 @@ public:
         if (it == values.end()) return std::nullopt;
         return it->second;
     }
-    void setObject(const std::string& key, const DefaultsValue& value) override { values[key] = value; }
-    void removeObjectForKey(const std::string& key) override { values.erase(key); }
+    bool setObject(const std::string& key, const DefaultsValue& value) override {
+        values[key] = value;
+        return true;
+    }
+    bool removeObjectForKey(const std::string& key) override {
+        values.erase(key);
+        return true;
+    }
     std::map<std::string, DefaultsValue> values;
 };
 

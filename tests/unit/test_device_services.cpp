@@ -24,6 +24,7 @@
 #include "device/DeviceBundles.h"
 #include "device/DevicePasteboard.h"
 #include "device/DeviceSpeaker.h"
+#include "device/HidHubClient.h"
 #include "roles/Supervisor.h"
 #include "device/VirtualHidSystem.h"
 #include "platform/linux/AsioRunLoop.h"
