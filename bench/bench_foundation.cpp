@@ -1,5 +1,5 @@
-// The cost of the stop hook that runs on every Lua instruction, and of one injector request
-// through a message port, each against a baseline measured in the same run.
+// The cost of one injector request through a message port, against a raw socket round trip
+// measured in the same run.
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,36 +9,10 @@
 
 #include "injection/records/MessageIds.h"
 #include "injection/records/TouchRecord.h"
-#include "platform/Lua.h"
 #include "platform/linux/AsioRunLoop.h"
 #include "platform/linux/UnixMessagePorts.h"
-#include "play/LuaBridge.h"
 
 namespace {
-
-constexpr const char* kLoop = "local s = 0 for i = 1, 100000 do s = s + i % 7 end return s";
-
-void runLoop(benchmark::State& state, bool withHook) {
-    lua_State* L = luaL_newstate();
-    luaL_openlibs(L);
-    if (withHook) lua_sethook(L, tw::lstop, LUA_MASKCALL | LUA_MASKRET | LUA_MASKCOUNT, 1);
-    luaL_loadstring(L, kLoop);
-    const int chunk = luaL_ref(L, LUA_REGISTRYINDEX);
-    for (auto _ : state) {
-        lua_rawgeti(L, LUA_REGISTRYINDEX, chunk);
-        lua_pcall(L, 0, 1, 0);
-        benchmark::DoNotOptimize(lua_tonumber(L, -1));
-        lua_pop(L, 1);
-    }
-    lua_close(L);
-}
-
-// Baseline: the same Lua loop without a hook.
-void BM_LuaLoopWithoutHook(benchmark::State& state) { runLoop(state, false); }
-// The stop hook on every call, return and instruction, as every play runs.
-void BM_LuaLoopWithStopHook(benchmark::State& state) { runLoop(state, true); }
-BENCHMARK(BM_LuaLoopWithoutHook)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_LuaLoopWithStopHook)->Unit(benchmark::kMillisecond);
 
 // Baseline: a 24-byte request and a 4-byte answer over a raw Unix socket pair to an echo thread.
 void BM_RawSocketRoundTrip(benchmark::State& state) {
