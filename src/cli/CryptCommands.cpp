@@ -31,7 +31,7 @@ std::string locate(const CommonOptions& common, const std::string& file) {
     if (!file.empty() && file.front() == '/') {
         Paths::setRoot(deviceRoot(common));
         const std::string inLibrary = FileManager::fullPathOfFile(file);
-        if (fs::is_regular_file(inLibrary, ec)) return inLibrary;
+        if (fs::is_regular_file(inLibrary, ec) && FileManager::isInsideLibrary(file)) return inLibrary;
     }
     return file;
 }

@@ -121,6 +121,8 @@ std::chrono::system_clock::time_point pointsCutoff() {
 
 }  // namespace
 
+bool createdBeforePointsCutoff(std::chrono::system_clock::time_point created) { return created < pointsCutoff(); }
+
 bool decideScaleScreen(const std::string& source, int kind) {
     if (kind != 1 && kind != 2) return false;
 
@@ -147,7 +149,7 @@ bool decideScaleScreen(const std::string& source, int kind) {
 
     // Script files made before that day are in points, later ones in pixels.
     auto created = fileCreationDate(source);
-    return created && *created < pointsCutoff();
+    return created && createdBeforePointsCutoff(*created);
 }
 
 bool setScaleScreen(const std::string& source, int kind) {

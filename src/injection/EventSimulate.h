@@ -2,6 +2,7 @@
 // The event request client: packs touch, key, text, sync and option requests into their records
 // and sends them to the injector's port in the input-event process. Touches only update the
 // injector's finger table; a sync turns the table into one hand event.
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -41,6 +42,10 @@ bool keep_message_port_fresh();
 // `kind` 1: `source` is a file path; 2: `source` is the script text; anything else: pixels.
 // Returns the flag that was sent.
 bool setScaleScreen(const std::string& source, int kind);
+
+// Whether a script file created at `created` reads its coordinates as points when it carries no
+// resolution mark: files made before 2015-10-01 00:00, local time.
+bool createdBeforePointsCutoff(std::chrono::system_clock::time_point created);
 
 // The decision alone, without sending: the resolution mark in the first 128 bytes of a file (or
 // anywhere in a text), then, for a file without one, its creation date before 2015-10-01.

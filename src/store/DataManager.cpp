@@ -25,7 +25,7 @@ constexpr const char* kSelectPlaySettings = "SELECT SCRIPT_TITLE, PLAY_DIRECTLY,
 constexpr const char* kSelectActivatorTrigger = "SELECT EVENT_NAME, FOR_WHAT, SCRIPT_TITLE FROM ACTIVATOR_TRIGGER";
 
 // Wait this long for another connection's lock before a statement gives up.
-constexpr int kBusyTimeoutMs = 2000;
+constexpr int kBusyTimeoutMs = 10000;
 
 // The printed form of an absent text, as the formatting of "no object" writes it.
 constexpr const char* kAbsentText = "(null)";

@@ -83,9 +83,18 @@ public:
         calls.push_back("signal " + std::to_string(pid) + " " + std::to_string(signal));
     }
     std::vector<AppRecord> installedApps() override { return installed; }
+    std::optional<std::string> frontmostApplication() override { return front; }
+    bool activateApplication(const std::string& id) override {
+        calls.push_back("activate " + id);
+        if (!apps.count(id)) return false;
+        front = id;
+        return true;
+    }
+    void openURL(const std::string& url) override { calls.push_back("open " + url); }
 
     std::map<std::string, ApplicationRecord> apps;
     std::vector<AppRecord> installed;
+    std::optional<std::string> front;
     std::vector<std::string> calls;
 
 private:

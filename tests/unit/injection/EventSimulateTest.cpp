@@ -1,6 +1,7 @@
 // The event request client: what each request sends and how, the scale decision, a restarted injector.
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <set>
 
 #include "EngineFixture.h"
@@ -81,6 +82,18 @@ TEST_F(EventSimulateTest, ScriptsArePointsOnlyWhenTheirFirstMarkNamesAPointSizeA
     for (size_t i = 0; i < std::size(cases); ++i)
         EXPECT_EQ(ports->sent[i], (Sent{kMsgScaleScreen, Bytes{cases[i].points, 0, 0, 0}, false})) << cases[i].name;
     EXPECT_FALSE(decideScaleScreen(file + ".missing", 1));
+}
+
+TEST(ScaleDecisionDate, FilesWithoutAMarkArePointsWhenMadeBeforeTheFirstOfOctober2015LocalTime) {
+    auto local = [](int year, int month, int day, int hour, int minute, int second) {
+        std::tm tm{};
+        tm.tm_year = year - 1900, tm.tm_mon = month - 1, tm.tm_mday = day;
+        tm.tm_hour = hour, tm.tm_min = minute, tm.tm_sec = second, tm.tm_isdst = -1;
+        return std::chrono::system_clock::from_time_t(std::mktime(&tm));
+    };
+    EXPECT_TRUE(createdBeforePointsCutoff(local(2015, 9, 30, 23, 59, 59)));
+    EXPECT_FALSE(createdBeforePointsCutoff(local(2015, 10, 1, 0, 0, 0)));
+    EXPECT_FALSE(createdBeforePointsCutoff(local(2016, 1, 1, 0, 0, 0)));
 }
 
 using EventSimulateRestartTest = test::EngineFixture;
