@@ -116,6 +116,20 @@ struct HardwareFinger {
 
 }  // namespace
 
+HubRequest parseHubLine(std::string_view line) {
+    constexpr std::string_view kPublish = "publish ";
+    if (line == "subscribe") return {HubRequest::Subscribe, {}};
+    if (line.substr(0, kPublish.size()) == kPublish) {
+        const std::string_view body = line.substr(kPublish.size());
+        if (nestingWithin(body, kMaxJsonDepth)) {
+            auto value = nlohmann::ordered_json::parse(body.begin(), body.end(), nullptr, false);
+            if (!value.is_discarded() && value.is_object())
+                return {HubRequest::Publish, value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)};
+        }
+    }
+    return {};
+}
+
 // Everything below runs on the loop thread. Pending socket operations hold the core (and their
 // connection) by shared_ptr; once stopped, their handlers return without touching anything else.
 class VirtualHidSystem::Core : public std::enable_shared_from_this<Core> {
@@ -301,7 +315,7 @@ public:
             const std::string_view line(inbox.data() + start, newline - start);
             start = newline + 1;
             if (connection->kind == Kind::Hub) hubLine(connection, line);
-            else hardwareLine(connection, line);
+            else hardwareLine(line);
             if (stopped_ || connection->closed) return;
         }
         inbox.erase(0, start);
@@ -347,27 +361,23 @@ public:
     // --- Hub -------------------------------------------------------------------------------------
 
     void hubLine(const ConnectionPtr& connection, std::string_view line) {
-        constexpr std::string_view kPublish = "publish ";
-        if (line == "subscribe") {
-            if (!connection->subscriber) {
-                connection->subscriber = true;
-                subscribers_.push_back(connection);
-                subscriberCount_ = subscribers_.size();
-            }
-            return;
-        }
-        if (line.substr(0, kPublish.size()) == kPublish) {
-            const std::string_view body = line.substr(kPublish.size());
-            if (nestingWithin(body, kMaxJsonDepth)) {
-                auto value = nlohmann::ordered_json::parse(body.begin(), body.end(), nullptr, false);
-                if (!value.is_discarded() && value.is_object()) {
-                    ++published_;
-                    deliver(value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace), nullptr);
-                    return;
+        HubRequest request = parseHubLine(line);
+        switch (request.kind) {
+            case HubRequest::Subscribe:
+                if (!connection->subscriber) {
+                    connection->subscriber = true;
+                    subscribers_.push_back(connection);
+                    subscriberCount_ = subscribers_.size();
                 }
-            }
+                return;
+            case HubRequest::Publish:
+                ++published_;
+                deliver(request.traceLine, nullptr);
+                return;
+            case HubRequest::Invalid:
+                close(connection);
+                return;
         }
-        close(connection);
     }
 
     // Queues a line for a subscriber; false when the subscriber fell too far behind and was closed.
@@ -401,8 +411,10 @@ public:
 
     // --- Hardware input ----------------------------------------------------------------------
 
-    void hardwareLine(const ConnectionPtr&, std::string_view line) {
-        if (!hardwareInput(line)) ++badInput_;
+    bool hardwareLine(std::string_view line) {
+        if (hardwareInput(line)) return true;
+        ++badInput_;
+        return false;
     }
 
     bool hardwareInput(std::string_view line) {
@@ -546,6 +558,11 @@ void VirtualHidSystem::userEventOccurred() { ++core_->userEvents_; }
 
 void VirtualHidSystem::addListener(Listener listener) {
     if (listener) core_->listeners_.push_back(std::move(listener));
+}
+
+bool VirtualHidSystem::hardwareLine(std::string_view line) {
+    assert(core_->loop_.isCurrent() && "hardwareLine() belongs on the loop thread");
+    return core_->hardwareLine(line);
 }
 
 uint64_t VirtualHidSystem::userEventCount() const { return core_->userEvents_; }
