@@ -1,10 +1,12 @@
 #include "core/Plist.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "core/AtomicFile.h"
+#include "core/LogToFile.h"
 
 namespace tw {
 
@@ -107,13 +109,22 @@ bool binaryAcceptable(std::string_view bytes) {
         size_t contents;
         if (!objects.object(index, marker, length, contents)) return false;
         switch (marker >> 4) {
-            case 0x5:  // ASCII text
-                if (!objects.fits(contents, length, 1) || std::memchr(objects.at(contents), 0, length)) return false;
-                break;
-            case 0x6: {  // UTF-16 text
-                if (!objects.fits(contents, length, 2)) return false;
+            case 0x5:  // ASCII text: no NUL, nothing above 0x7F
+                if (!objects.fits(contents, length, 1)) return false;
                 for (uint64_t i = 0; i < length; ++i)
-                    if (objects.at(contents)[2 * i] == 0 && objects.at(contents)[2 * i + 1] == 0) return false;
+                    if (objects.at(contents)[i] == 0 || objects.at(contents)[i] > 0x7F) return false;
+                break;
+            case 0x6: {  // UTF-16 text: no NUL, surrogates in pairs
+                if (!objects.fits(contents, length, 2)) return false;
+                for (uint64_t i = 0; i < length; ++i) {
+                    const unsigned unit = bigEndian(objects.at(contents) + 2 * i, 2);
+                    if (unit == 0 || (unit >= 0xDC00 && unit <= 0xDFFF)) return false;
+                    if (unit >= 0xD800 && unit <= 0xDBFF) {
+                        const unsigned low = i + 1 < length ? bigEndian(objects.at(contents) + 2 * (i + 1), 2) : 0;
+                        if (low < 0xDC00 || low > 0xDFFF) return false;
+                        ++i;
+                    }
+                }
                 break;
             }
             case 0xA:    // array
@@ -200,11 +211,45 @@ bool xmlAcceptable(std::string_view text) {
     return true;
 }
 
+// Every text and key below `node` is UTF-8: libplist writes any other as a binary object it
+// cannot read back. Keys are safe to fetch here: parsed lists hold no NUL, built ones cannot.
+bool textsAreUtf8(plist_t node, size_t depth) {
+    if (depth > kMaxPlistDepth + 1) return false;
+    switch (plist_get_node_type(node)) {
+        case PLIST_STRING: {
+            uint64_t length = 0;
+            const char* text = plist_get_string_ptr(node, &length);
+            return !text || isValidUtf8(std::string_view(text, static_cast<size_t>(length)));
+        }
+        case PLIST_ARRAY:
+            for (uint32_t i = 0; i < plist_array_get_size(node); ++i)
+                if (!textsAreUtf8(plist_array_get_item(node, i), depth + 1)) return false;
+            return true;
+        case PLIST_DICT: {
+            plist_dict_iter iter = nullptr;
+            plist_dict_new_iter(node, &iter);
+            bool ok = iter != nullptr;
+            while (ok) {
+                char* key = nullptr;
+                plist_t value = nullptr;
+                plist_dict_next_item(node, iter, &key, &value);
+                if (value) ok = (!key || isValidUtf8(key)) && textsAreUtf8(value, depth + 1);
+                std::free(key);
+                if (!value) break;
+            }
+            std::free(iter);
+            return ok;
+        }
+        default:
+            return true;
+    }
+}
+
 }  // namespace
 
 bool plistBytesAcceptable(std::string_view bytes) {
     if (bytes.starts_with(kBinaryMagic)) return binaryAcceptable(bytes);
-    return xmlAcceptable(bytes);
+    return isValidUtf8(bytes) && xmlAcceptable(bytes);
 }
 
 PlistHandle parsePlist(std::string_view bytes) {
@@ -230,6 +275,7 @@ std::optional<std::string> plistToXml(plist_t node) {
 }
 
 std::optional<std::string> plistToBinary(plist_t node) {
+    if (!node || !textsAreUtf8(node, 0)) return std::nullopt;
     char* data = nullptr;
     uint32_t length = 0;
     plist_to_bin(node, &data, &length);
