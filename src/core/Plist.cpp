@@ -85,7 +85,8 @@ private:
 // Walks the objects reachable from the root, depth first, as libplist will.
 bool binaryAcceptable(std::string_view bytes) {
     BinaryObjects objects(bytes);
-    if (!objects.readTrailer()) return true;  // libplist refuses it on its own
+    // libplist takes some trailers no writer makes (references 65 bytes wide): only sound ones pass.
+    if (!objects.readTrailer()) return false;
     enum : uint8_t { Unseen, OnPath, Done };
     std::vector<uint8_t> state(objects.count(), Unseen);
     std::vector<uint64_t> nodes(objects.count(), 0);  // the nodes each finished object unfolds into

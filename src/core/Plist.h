@@ -28,9 +28,10 @@ inline constexpr size_t kMaxPlistDepth = 256;
 // binary it cannot read back), a binary list whose objects
 // refer to one another in a cycle, or that unfolds into more nodes than it has bytes (libplist copies
 // a shared object at every reference, so a few hundred bytes can ask for gigabytes), and nesting
-// deeper than kMaxPlistDepth in either form (its parsers and writers recurse once per level). Bytes
-// that are no property list at all pass, for libplist to refuse. parsePlist checks this first;
-// anything that hands outside bytes to libplist another way must too.
+// deeper than kMaxPlistDepth in either form (its parsers and writers recurse once per level). A
+// binary list must also have a trailer and object table that hold together. XML that is no property
+// list may pass, for libplist to refuse. parsePlist checks this first; anything that hands outside
+// bytes to libplist another way must too.
 bool plistBytesAcceptable(std::string_view bytes);
 
 // Binary or XML property-list bytes as a node; null when they are not a property list or not
