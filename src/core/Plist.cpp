@@ -250,7 +250,8 @@ bool textsAreUtf8(plist_t node, size_t depth) {
 
 bool plistBytesAcceptable(std::string_view bytes) {
     if (bytes.starts_with(kBinaryMagic)) return binaryAcceptable(bytes);
-    return isValidUtf8(bytes) && xmlAcceptable(bytes);
+    // XML has no NUL character; libplist takes one inside a key and writes the key unreadably.
+    return bytes.find('\0') == std::string_view::npos && isValidUtf8(bytes) && xmlAcceptable(bytes);
 }
 
 PlistHandle parsePlist(std::string_view bytes) {
