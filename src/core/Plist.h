@@ -4,6 +4,7 @@
 // notifications, the site's type table).
 #include <plist/plist.h>
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,11 +20,27 @@ struct PlistNodeFree {
 // Owns a node and everything below it.
 using PlistHandle = std::unique_ptr<void, PlistNodeFree>;
 
-// Binary or XML property-list bytes as a node; null when they are not a property list.
+// Deepest nesting and, for binary lists, the most nodes per byte of input that parsePlist accepts.
+inline constexpr size_t kMaxPlistDepth = 256;
+
+// False for bytes libplist cannot be trusted with: texts that are not UTF-8 or hold a NUL character
+// (libplist asserts when it hands out such a dictionary key, and writes texts that are not UTF-8 as
+// binary it cannot read back), a binary list whose objects
+// refer to one another in a cycle, or that unfolds into more nodes than it has bytes (libplist copies
+// a shared object at every reference, so a few hundred bytes can ask for gigabytes), and nesting
+// deeper than kMaxPlistDepth in either form (its parsers and writers recurse once per level). A
+// binary list must also have a trailer and object table that hold together. XML that is no property
+// list may pass, for libplist to refuse. parsePlist checks this first; anything that hands outside
+// bytes to libplist another way must too.
+bool plistBytesAcceptable(std::string_view bytes);
+
+// Binary or XML property-list bytes as a node; null when they are not a property list or not
+// acceptable (above).
 PlistHandle parsePlist(std::string_view bytes);
 // The file at `path` as a node; null when it is missing, unreadable or not a property list.
 PlistHandle readPlistFile(const std::string& path);
-// The node as XML or binary property-list bytes; nullopt when it cannot be encoded.
+// The node as XML or binary property-list bytes; nullopt when it cannot be encoded (in binary, also
+// when a text or key is not UTF-8, which libplist would write unreadably).
 std::optional<std::string> plistToXml(plist_t node);
 std::optional<std::string> plistToBinary(plist_t node);
 

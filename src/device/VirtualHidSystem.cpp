@@ -89,6 +89,20 @@ struct HardwareFinger {
 
 }  // namespace
 
+HubRequest parseHubLine(std::string_view line) {
+    constexpr std::string_view kPublish = "publish ";
+    if (line == "subscribe") return {HubRequest::Subscribe, {}};
+    if (line.substr(0, kPublish.size()) == kPublish) {
+        const std::string_view body = line.substr(kPublish.size());
+        if (nestingWithin(body, kMaxJsonDepth)) {
+            auto value = nlohmann::ordered_json::parse(body.begin(), body.end(), nullptr, false);
+            if (!value.is_discarded() && value.is_object())
+                return {HubRequest::Publish, value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)};
+        }
+    }
+    return {};
+}
+
 // Everything below runs on the loop thread. Pending socket operations hold the core (and their
 // connection) by shared_ptr; once stopped, their handlers return without touching anything else.
 class VirtualHidSystem::Core : public std::enable_shared_from_this<Core> {
@@ -201,32 +215,30 @@ public:
     // --- Hub -------------------------------------------------------------------------------------
 
     void hubLine(const ConnectionPtr& connection, std::string_view line) {
-        constexpr std::string_view kPublish = "publish ";
-        if (line == "subscribe") {
-            if (std::find(subscribers_.begin(), subscribers_.end(), connection) == subscribers_.end()) {
-                subscribers_.push_back(connection);
-                subscriberCount_ = subscribers_.size();
-            }
-            return;
-        }
-        if (line.substr(0, kPublish.size()) == kPublish) {
-            const std::string_view body = line.substr(kPublish.size());
-            if (nestingWithin(body, kMaxJsonDepth)) {
-                auto value = nlohmann::ordered_json::parse(body.begin(), body.end(), nullptr, false);
-                if (!value.is_discarded() && value.is_object()) {
-                    ++published_;
-                    deliver(value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace), nullptr);
-                    return;
+        HubRequest request = parseHubLine(line);
+        switch (request.kind) {
+            case HubRequest::Subscribe:
+                if (std::find(subscribers_.begin(), subscribers_.end(), connection) == subscribers_.end()) {
+                    subscribers_.push_back(connection);
+                    subscriberCount_ = subscribers_.size();
                 }
-            }
+                return;
+            case HubRequest::Publish:
+                ++published_;
+                deliver(request.traceLine, nullptr);
+                return;
+            case HubRequest::Invalid:
+                hub_->close(connection);
+                return;
         }
-        hub_->close(connection);
     }
 
     // --- Hardware input ----------------------------------------------------------------------
 
-    void hardwareLine(std::string_view line) {
-        if (!hardwareInput(line)) ++badInput_;
+    bool hardwareLine(std::string_view line) {
+        if (hardwareInput(line)) return true;
+        ++badInput_;
+        return false;
     }
 
     bool hardwareInput(std::string_view line) {
@@ -367,6 +379,11 @@ void VirtualHidSystem::userEventOccurred() { ++core_->userEvents_; }
 
 void VirtualHidSystem::addListener(Listener listener) {
     if (listener) core_->listeners_.push_back(std::move(listener));
+}
+
+bool VirtualHidSystem::hardwareLine(std::string_view line) {
+    assert(core_->loop_.isCurrent() && "hardwareLine() belongs on the loop thread");
+    return core_->hardwareLine(line);
 }
 
 uint64_t VirtualHidSystem::userEventCount() const { return core_->userEvents_; }

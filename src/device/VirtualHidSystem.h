@@ -33,6 +33,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/HidEvent.h"
 #include "platform/HidEventSystem.h"
@@ -60,6 +61,14 @@ struct ScreenPixels {
     double width = 0;
     double height = 0;
 };
+
+// What one line of the hub asks for: to subscribe, to publish `traceLine` (the line's JSON object
+// as the trace writes it), or nothing the hub knows, which closes the connection.
+struct HubRequest {
+    enum Kind { Subscribe, Publish, Invalid } kind = Invalid;
+    std::string traceLine;
+};
+HubRequest parseHubLine(std::string_view line);
 
 class VirtualHidSystem final : public HidEventSystem {
 public:
@@ -89,6 +98,10 @@ public:
     void dispatchHardwareEvent(hid::HidEvent event);
 
     void addListener(Listener listener);
+
+    // One line of the hardware socket, without its '\n', handled as if it had arrived there: true
+    // when it became an event, false when it counts as bad input. Loop thread only.
+    bool hardwareLine(std::string_view line);
 
     uint64_t userEventCount() const;
     // Events delivered, synthetic and real (published lines are not events).

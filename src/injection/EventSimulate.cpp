@@ -6,7 +6,8 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
-#include <regex>
+#include <optional>
+#include <string_view>
 
 #include "core/LogToFile.h"
 #include "injection/records/KeyRecord.h"
@@ -109,6 +110,20 @@ bool isKnownPointResolution(const std::string& r) {
     return false;
 }
 
+// The first SCREEN_RESOLUTION="<digits and x>" in `text`, as the value between the quotes. Scanned
+// by hand: a backtracking regex recurses once per character of the value, and a long one in a
+// script ran the home screen out of stack.
+std::optional<std::string> resolutionMark(std::string_view text) {
+    constexpr std::string_view kMark = "SCREEN_RESOLUTION=\"";
+    for (size_t at = text.find(kMark); at != std::string_view::npos; at = text.find(kMark, at + 1)) {
+        const size_t begin = at + kMark.size();
+        size_t end = begin;
+        while (end < text.size() && ((text[end] >= '0' && text[end] <= '9') || text[end] == 'x')) ++end;
+        if (end > begin && end < text.size() && text[end] == '"') return std::string(text.substr(begin, end - begin));
+    }
+    return std::nullopt;
+}
+
 // 2015-10-01 00:00 in the device's local time zone.
 std::chrono::system_clock::time_point pointsCutoff() {
     std::tm tm{};
@@ -141,9 +156,7 @@ bool decideScaleScreen(const std::string& source, int kind) {
     }
 
     if (text) {
-        static const std::regex mark("SCREEN_RESOLUTION=\"([0-9x]+)\"");
-        std::smatch match;
-        if (std::regex_search(*text, match, mark)) return isKnownPointResolution(match[1].str());
+        if (auto resolution = resolutionMark(*text)) return isKnownPointResolution(*resolution);
     }
     if (kind == 2) return false;
 

@@ -227,38 +227,28 @@ private:
         auto& inbox = connection->inbox;
         for (;;) {
             if (connection->closed) return;
-            const size_t available = inbox.size() - connection->inboxStart;
-            if (available < kLengthField) return;
-            const uint8_t* frame = inbox.data() + connection->inboxStart;
-            const uint32_t bodyLength = getLE<uint32_t>(frame, 0);
-            if (bodyLength < kRequestHeader || bodyLength > kMaxFrameBody) {
-                closeConnection(connection);
-                return;
+            RequestFrame frame;
+            switch (parseRequestFrame(inbox.data() + connection->inboxStart, inbox.size() - connection->inboxStart,
+                                      frame)) {
+                case FrameParse::Incomplete:
+                    return;
+                case FrameParse::Malformed:
+                    closeConnection(connection);
+                    return;
+                case FrameParse::Complete:
+                    break;
             }
-            if (available - kLengthField < bodyLength) return;
-
-            const uint8_t* body = frame + kLengthField;
-            const uint32_t sequence = getLE<uint32_t>(body, 0);
-            const int32_t msgid = getLE<int32_t>(body, 4);
-            const uint8_t flags = body[8];
-            const size_t payloadSize = bodyLength - kRequestHeader;
-            if (!(flags & kFlagHasPayload) && payloadSize != 0) {  // payload bytes on a null payload
-                closeConnection(connection);
-                return;
-            }
-            Payload data;
-            if (flags & kFlagHasPayload) data.emplace(body + kRequestHeader, body + kRequestHeader + payloadSize);
-            connection->inboxStart += kLengthField + bodyLength;
+            connection->inboxStart += frame.size;
 
             Payload reply;
-            if (!deliver(msgid, data, reply)) return;
-            if (!(flags & kFlagExpectsReply)) continue;
+            if (!deliver(frame.msgid, frame.data, reply)) return;
+            if (!frame.expectsReply) continue;
             if (reply && reply->size() > kMaxFrameBody - kReplyHeader) {
                 reportPortProblem(name_, "reply payload too large; closing the connection");
                 closeConnection(connection);
                 return;
             }
-            queueReply(connection, encodeReply(sequence, reply));
+            queueReply(connection, encodeReply(frame.sequence, reply));
         }
     }
 
@@ -515,6 +505,25 @@ private:
 };
 
 }  // namespace
+
+FrameParse parseRequestFrame(const uint8_t* bytes, size_t size, RequestFrame& frame) {
+    if (size < kLengthField) return FrameParse::Incomplete;
+    const uint32_t bodyLength = getLE<uint32_t>(bytes, 0);
+    if (bodyLength < kRequestHeader || bodyLength > kMaxFrameBody) return FrameParse::Malformed;
+    if (size - kLengthField < bodyLength) return FrameParse::Incomplete;
+
+    const uint8_t* body = bytes + kLengthField;
+    const uint8_t flags = body[8];
+    const size_t payloadSize = bodyLength - kRequestHeader;
+    if (!(flags & kFlagHasPayload) && payloadSize != 0) return FrameParse::Malformed;
+    frame.sequence = getLE<uint32_t>(body, 0);
+    frame.msgid = getLE<int32_t>(body, 4);
+    frame.expectsReply = flags & kFlagExpectsReply;
+    frame.data.reset();
+    if (flags & kFlagHasPayload) frame.data.emplace(body + kRequestHeader, body + kRequestHeader + payloadSize);
+    frame.size = kLengthField + bodyLength;
+    return FrameParse::Complete;
+}
 
 std::string abstractSocketName(const std::string& path) {
     if (kNamePrefix.size() + path.size() <= kMaxAbstractName) return std::string(kNamePrefix) + path;

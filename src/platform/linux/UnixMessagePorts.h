@@ -14,6 +14,7 @@
 #include <sys/un.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -22,6 +23,19 @@
 namespace tw::linuxp {
 
 inline constexpr size_t kMaxFrameBody = 16 * 1024 * 1024;
+
+// One request frame from the start of a connection's received bytes.
+struct RequestFrame {
+    uint32_t sequence = 0;
+    int32_t msgid = 0;
+    bool expectsReply = false;
+    Payload data;
+    size_t size = 0;  // the bytes the frame takes, length field included
+};
+enum class FrameParse { Complete, Incomplete, Malformed };
+// Complete fills `frame`; Incomplete wants more bytes; Malformed means the connection must close
+// (a length out of bounds, or payload bytes on a null payload).
+FrameParse parseRequestFrame(const uint8_t* bytes, size_t size, RequestFrame& frame);
 
 // The abstract socket address (without the leading NUL) used for a socket whose path would be
 // `path`; stable for the same path in every process.

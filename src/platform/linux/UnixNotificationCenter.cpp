@@ -99,14 +99,9 @@ std::vector<char> encode(const std::string& name, const NotificationUserInfo& us
     return bytes ? std::vector<char>(bytes->begin(), bytes->end()) : std::vector<char>{};
 }
 
-struct Notification {
-    std::string name;
-    NotificationUserInfo userInfo;
-};
+}  // namespace
 
-// A dictionary with a text "name" and, optionally, a dictionary "userInfo"; entries of userInfo
-// that are not texts are left out. Anything else is nullopt.
-std::optional<Notification> decode(const uint8_t* data, size_t size) {
+std::optional<Notification> decodeNotification(const uint8_t* data, size_t size) {
     static constexpr char kMagic[] = "bplist00";
     if (size < sizeof kMagic - 1 || size > kMaxPayload || std::memcmp(data, kMagic, sizeof kMagic - 1) != 0)
         return std::nullopt;
@@ -138,6 +133,8 @@ std::optional<Notification> decode(const uint8_t* data, size_t size) {
     std::free(iter);
     return note;
 }
+
+namespace {
 
 // Reads one observer's socket on its loop and calls the observer.
 class Receiver : public std::enable_shared_from_this<Receiver> {
@@ -200,7 +197,7 @@ private:
             }
         }
         // buffer_ is only touched here, on the loop thread, while no receive is pending.
-        if (auto note = decode(buffer_.data(), count); note && note->name == name_) deliver(*note);
+        if (auto note = decodeNotification(buffer_.data(), count); note && note->name == name_) deliver(*note);
 
         std::lock_guard lock(ioMutex_);
         if (active_) startReceiveLocked();

@@ -7,7 +7,10 @@
 // process is gone) is removed. Datagram: a binary property list, a dictionary with the key "name"
 // (text) and the key "userInfo" (a dictionary of texts). Datagrams that do not parse, or that name
 // another notification, are dropped.
+#include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -15,6 +18,15 @@
 #include "platform/NotificationCenter.h"
 
 namespace tw::linuxp {
+
+struct Notification {
+    std::string name;
+    NotificationUserInfo userInfo;
+};
+
+// A received datagram: a dictionary with a text "name" and, optionally, a dictionary "userInfo";
+// entries of userInfo that are not texts are left out. Anything else is nullopt.
+std::optional<Notification> decodeNotification(const uint8_t* data, size_t size);
 
 class UnixNotificationCenter : public DistributedNotificationCenter {
 public:
