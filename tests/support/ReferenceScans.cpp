@@ -1,7 +1,12 @@
 #include "ReferenceScans.h"
 
+#include <algorithm>
 #include <cstring>
 #include <random>
+
+#include "graphic/Bmp.h"
+#include "platform/Platform.h"
+#include "platform/linux/ProfileDeviceInfo.h"
 
 namespace tw::reference {
 
@@ -138,6 +143,97 @@ image_t makeTopDownImage(const uint8_t* pixels, uint32_t width, uint32_t height,
     image.bytesPerPixel = 4;
     std::memcpy(image.format, "BGRA", 4);
     return image;
+}
+
+std::shared_ptr<DeviceInfo> makeDevice(double widthPoints, double heightPoints, double scale, const std::string& version) {
+    linuxp::DeviceProfile profile;
+    profile.screenWidth = widthPoints;
+    profile.screenHeight = heightPoints;
+    profile.scale = scale;
+    profile.systemVersion = version;
+    return std::make_shared<linuxp::ProfileDeviceInfo>(profile, "com.apple.springboard");
+}
+
+InstalledScreen::InstalledScreen(double widthPoints, double heightPoints, double scale, const std::string& version) {
+    reset_surface_info();
+    const double shortSide = std::min(widthPoints, heightPoints), longSide = std::max(widthPoints, heightPoints);
+    display = std::make_shared<MemoryDisplay>(static_cast<uint32_t>(shortSide * scale),
+                                              static_cast<uint32_t>(longSide * scale));
+    display->fillRandom(7);
+    Platform::current().device = makeDevice(widthPoints, heightPoints, scale, version);
+    Platform::current().display = display;
+}
+
+InstalledScreen::~InstalledScreen() {
+    Platform::current().device.reset();
+    Platform::current().display.reset();
+    reset_surface_info();
+}
+
+Rows cut(const MemoryDisplay& display, uint32_t x, uint32_t y, uint32_t width, uint32_t height) {
+    Rows rows(height, std::vector<uint32_t>(width));
+    for (uint32_t ty = 0; ty < height; ++ty)
+        for (uint32_t tx = 0; tx < width; ++tx) rows[ty][tx] = display.pixel(x + tx, y + ty);
+    return rows;
+}
+
+Rows cut(const image_t& image, uint32_t x, uint32_t y, uint32_t width, uint32_t height) {
+    Rows rows(height, std::vector<uint32_t>(width));
+    for (uint32_t ty = 0; ty < height; ++ty)
+        for (uint32_t tx = 0; tx < width; ++tx) rows[ty][tx] = color_at_location(image, x + tx, y + ty);
+    return rows;
+}
+
+namespace {
+
+// The rows bottom row first, four bytes a pixel: blue, green, red, `alpha`.
+std::vector<uint8_t> bottomUpBytes(const Rows& rows, uint8_t alpha) {
+    std::vector<uint8_t> bytes;
+    for (auto row = rows.rbegin(); row != rows.rend(); ++row)
+        for (const uint32_t rgb : *row)
+            bytes.insert(bytes.end(), {static_cast<uint8_t>(rgb), static_cast<uint8_t>(rgb >> 8),
+                                       static_cast<uint8_t>(rgb >> 16), alpha});
+    return bytes;
+}
+
+}  // namespace
+
+image_t bottomUpImage(const Rows& rows) {
+    const std::vector<uint8_t> bytes = bottomUpBytes(rows, 0x7F);
+    std::shared_ptr<uint8_t[]> block(new uint8_t[bytes.size() + 1]);
+    std::memcpy(block.get(), bytes.data(), bytes.size());
+    image_t image;
+    image.kind = kImageBottomRowFirst;
+    image.data = block.get();
+    image.buffer = std::move(block);
+    image.height = static_cast<uint32_t>(rows.size());
+    image.width = rows.empty() ? 0 : static_cast<uint32_t>(rows[0].size());
+    image.bytesPerRow = image.width * 4;
+    image.bytesPerPixel = 4;
+    std::memcpy(image.format, "BGRA", 4);
+    return image;
+}
+
+bool saveBmp(const std::string& path, const Rows& rows) {
+    const std::vector<uint8_t> bytes = bottomUpBytes(rows, 0);
+    const auto width = rows.empty() ? 0u : static_cast<uint32_t>(rows[0].size());
+    return save_bmp(path.c_str(), bytes.data(), width, static_cast<uint32_t>(rows.size())) == 0;
+}
+
+image_t randomScreen(std::mt19937& random, uint32_t width, uint32_t height, uint32_t stride,
+                     const std::vector<uint32_t>& palette) {
+    std::vector<uint8_t> pixels(static_cast<size_t>(stride) * height);
+    for (auto& b : pixels) b = static_cast<uint8_t>(random());
+    for (uint32_t y = 0; y < height; ++y) {
+        for (uint32_t x = 0; x < width; ++x) {
+            const uint32_t rgb = palette[random() % palette.size()];
+            uint8_t* at = pixels.data() + static_cast<size_t>(y) * stride + static_cast<size_t>(x) * 4;
+            at[0] = static_cast<uint8_t>(rgb);
+            at[1] = static_cast<uint8_t>(rgb >> 8);
+            at[2] = static_cast<uint8_t>(rgb >> 16);
+        }
+    }
+    return makeTopDownImage(pixels.data(), width, height, stride, stride + 64);
 }
 
 }  // namespace tw::reference

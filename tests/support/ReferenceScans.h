@@ -1,16 +1,20 @@
 #pragma once
 // The two screen scans written out as plainly as they are described, one position and one pixel
 // at a time through color_at_location: the yardstick the fast scans of graphic.cpp are tested
-// against and timed against. Also an in-memory display for tests and benchmarks.
+// against and timed against. Also an in-memory display for tests and benchmarks, a device and
+// display to install for the screen functions, and pictures to search for.
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "graphic/Graphic.h"
 #include "graphic/Region.h"
 #include "graphic/Surface.h"
+#include "platform/DeviceInfo.h"
 #include "platform/Display.h"
 
 namespace tw::reference {
@@ -66,5 +70,36 @@ private:
 // them plus `slack` zero bytes behind the last row.
 image_t makeTopDownImage(const uint8_t* pixels, uint32_t width, uint32_t height, uint32_t bytesPerRow,
                          size_t slack = 0);
+
+// A device whose screen is `widthPoints` x `heightPoints` at `scale`, running system `version`.
+std::shared_ptr<DeviceInfo> makeDevice(double widthPoints, double heightPoints, double scale,
+                                       const std::string& version = "9.3.5");
+
+// Such a device and a MemoryDisplay of its size in pixels (portrait, random colours), put into
+// the current platform for the object's lifetime. The learnt screen geometry is forgotten when it
+// comes and when it goes.
+class InstalledScreen {
+public:
+    InstalledScreen(double widthPoints, double heightPoints, double scale, const std::string& version = "9.3.5");
+    ~InstalledScreen();
+    InstalledScreen(const InstalledScreen&) = delete;
+    InstalledScreen& operator=(const InstalledScreen&) = delete;
+    std::shared_ptr<MemoryDisplay> display;
+};
+
+// Colours 0xRRGGBB, top row first.
+using Rows = std::vector<std::vector<uint32_t>>;
+// The colours of `display` (or of `image`, read with color_at_location) in the given rectangle.
+Rows cut(const MemoryDisplay& display, uint32_t x, uint32_t y, uint32_t width, uint32_t height);
+Rows cut(const image_t& image, uint32_t x, uint32_t y, uint32_t width, uint32_t height);
+// The picture as read_bmp gives it (kind 2, alpha bytes 0x7F), and written as a BMP file by
+// save_bmp (alpha bytes 0); true when the file was written.
+image_t bottomUpImage(const Rows& rows);
+bool saveBmp(const std::string& path, const Rows& rows);
+
+// A screen image (kind 1) of colours drawn from `palette`, its alpha and padding bytes random,
+// rows `stride` bytes apart, with a row and more of zeros behind it for fractional reads.
+image_t randomScreen(std::mt19937& random, uint32_t width, uint32_t height, uint32_t stride,
+                     const std::vector<uint32_t>& palette);
 
 }  // namespace tw::reference
