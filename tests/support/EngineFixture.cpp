@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <sstream>
 
+#include "api/Registry.h"
+#include "api/SystemFunctions.h"
 #include "core/Global.h"
 #include "core/Paths.h"
 #include "core/Settings.h"
@@ -65,7 +67,7 @@ size_t FakeInjector::count(int32_t msgid) const {
 
 void EngineFixture::SetUp() {
     root = std::make_unique<TempDir>("tw-engine");
-    ui = std::make_shared<HeadlessUserInterface>();
+    ui = std::make_shared<ScriptedUserInterface>();
     sounds = std::make_shared<RecordingSoundService>();
     sleeper = std::make_shared<FakeSleeper>();
 
@@ -118,11 +120,61 @@ std::string EngineFixture::addScript(const std::string& name, const std::string&
     return "/" + name;
 }
 
+std::shared_ptr<PlaySettings> EngineFixture::textPlay(const std::string& lua, int64_t repeat, int64_t interval) {
+    auto s = std::make_shared<PlaySettings>();
+    s->playType = 1;
+    s->scriptContent = lua;
+    s->repeatTime = repeat;
+    s->repeatInterval = interval;
+    return s;
+}
+
 std::vector<std::string> EngineFixture::logMessages() const {
     std::vector<std::string> out;
     std::istringstream in(readFile(Paths::logFile()));
     std::string line;
     while (std::getline(in, line)) out.push_back(line.size() >= 15 ? line.substr(15) : line);
+    return out;
+}
+
+void ScriptFunctionFixture::SetUp() {
+    EngineFixture::SetUp();
+    L = luaL_newstate();
+    luaL_openlibs(L);
+    registerFunctions(L);
+}
+
+void ScriptFunctionFixture::TearDown() {
+    releaseAudioPlayer();
+    lua_close(L);
+    EngineFixture::TearDown();
+}
+
+std::string ScriptFunctionFixture::run(const std::string& lua) {
+    if (luaL_loadstring(L, lua.c_str()) == LUA_OK && lua_pcall(L, 0, 0, 0) == LUA_OK) return "";
+    std::string message = lua_tostring(L, -1);
+    lua_pop(L, 1);
+    return message;
+}
+
+std::vector<std::string> ScriptFunctionFixture::results(const std::string& call) {
+    const int base = lua_gettop(L);
+    const std::string chunk = "return " + call;
+    if (luaL_loadstring(L, chunk.c_str()) != LUA_OK || lua_pcall(L, 0, LUA_MULTRET, 0) != LUA_OK) {
+        ADD_FAILURE() << call << ": " << lua_tostring(L, -1);
+        lua_settop(L, base);
+        return {};
+    }
+    std::vector<std::string> out;
+    for (int i = base + 1; i <= lua_gettop(L); ++i) {
+        const int type = lua_type(L, i);
+        if (type == LUA_TNIL || type == LUA_TBOOLEAN)
+            out.push_back(type == LUA_TNIL ? "nil" : lua_toboolean(L, i) ? "true" : "false");
+        else
+            out.push_back(type == LUA_TSTRING || type == LUA_TNUMBER ? lua_tostring(L, i)
+                                                                     : std::string("<") + luaL_typename(L, i) + ">");
+    }
+    lua_settop(L, base);
     return out;
 }
 

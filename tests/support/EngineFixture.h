@@ -2,6 +2,7 @@
 // A whole engine on a temporary device root for unit tests: the main run loop on the test thread,
 // real user defaults in the root, a headless user interface, a sleeper that records instead of
 // waiting, and optionally a fake injector that owns the injector's port on its own thread.
+// ScriptFunctionFixture adds a Lua state of the test's own with the script functions registered.
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -19,9 +20,9 @@
 #include "platform/UserDefaults.h"
 #include "platform/UserInterface.h"
 #include "platform/linux/AsioRunLoop.h"
+#include "platform/Lua.h"
 #include "platform/linux/ProfileDeviceInfo.h"
 #include "store/PlaySettings.h"
-#include "ui/HeadlessUserInterface.h"
 
 namespace tw::test {
 
@@ -65,6 +66,8 @@ protected:
     bool playToEnd(const std::shared_ptr<PlaySettings>& settings);
     // Writes a script into the library and returns its library path.
     std::string addScript(const std::string& name, const std::string& lua);
+    // Play settings that play `lua` as text `repeat` times, `interval` seconds apart.
+    static std::shared_ptr<PlaySettings> textPlay(const std::string& lua, int64_t repeat = 1, int64_t interval = 0);
     // The lines of the error log, without their time stamps.
     std::vector<std::string> logMessages() const;
     // Runs the main loop until `done` or 5 s.
@@ -72,13 +75,26 @@ protected:
 
     std::unique_ptr<TempDir> root;
     std::shared_ptr<linuxp::AsioRunLoop> loop;
-    std::shared_ptr<HeadlessUserInterface> ui;
+    std::shared_ptr<ScriptedUserInterface> ui;
     std::shared_ptr<RecordingSoundService> sounds;
     std::shared_ptr<FakeSleeper> sleeper;
     std::shared_ptr<UserDefaults> defaults;
     std::vector<std::string> errors;  // script errors reported to the front end
     std::mutex errorsMutex;
     int playsEnded = 0;
+};
+
+class ScriptFunctionFixture : public EngineFixture {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    // Runs `lua` in the state; "" on success, else the error message.
+    std::string run(const std::string& lua);
+    // The values of the expression list `call`: "nil", "true", "false", a string or number as
+    // text, else "<type>".
+    std::vector<std::string> results(const std::string& call);
+
+    lua_State* L = nullptr;
 };
 
 }  // namespace tw::test

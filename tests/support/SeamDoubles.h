@@ -1,11 +1,13 @@
 #pragma once
 // Test doubles of the platform seams: each records what the engine asks of it and answers from
 // fields a test sets. Tests install them with Platform::install() or into Platform::current().
+// A double whose `failing` is set throws from every call, as a failing platform library would.
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -16,11 +18,19 @@
 #include "platform/DeviceInfo.h"
 #include "platform/Pasteboard.h"
 #include "platform/UserDefaults.h"
+#include "ui/HeadlessUserInterface.h"
 
 namespace tw::test {
 
+struct FailureSwitch {
+    bool failing = false;
+    void failIfAsked() const {
+        if (failing) throw std::runtime_error("platform failure");
+    }
+};
+
 // Players that write what is done to them into one shared journal, as "<action> <file>".
-class FakeAudioService : public AudioService {
+class FakeAudioService : public AudioService, public FailureSwitch {
 public:
     class Player : public AudioPlayer {
     public:
@@ -50,6 +60,7 @@ public:
     };
 
     std::unique_ptr<AudioPlayer> createPlayer(const std::string& path) override {
+        failIfAsked();
         journal.push_back("create " + path);
         if (path.find("broken") != std::string::npos) return nullptr;
         return std::make_unique<Player>(*this, path);
@@ -65,17 +76,20 @@ public:
     bool soundsEnded = false;  // every sound has reached its end
 };
 
-class FakeAppService : public AppService {
+class FakeAppService : public AppService, public FailureSwitch {
 public:
     bool launchApplication(const std::string& id, bool suspended) override {
+        failIfAsked();
         calls.push_back("launch " + id + (suspended ? " suspended" : ""));
         return apps.count(id) > 0;
     }
     std::optional<ApplicationRecord> applicationWithDisplayIdentifier(const std::string& id) override {
+        failIfAsked();
         calls.push_back("display " + id);
         return find(id);
     }
     std::optional<ApplicationRecord> applicationWithBundleIdentifier(const std::string& id) override {
+        failIfAsked();
         calls.push_back("bundle " + id);
         return find(id);
     }
@@ -105,16 +119,23 @@ private:
     }
 };
 
-class FakePasteboard : public Pasteboard {
+class FakePasteboard : public Pasteboard, public FailureSwitch {
 public:
-    std::optional<std::string> string() const override { return text; }
-    void setString(const std::string& value) override { text = value; }
+    std::optional<std::string> string() const override {
+        failIfAsked();
+        return text;
+    }
+    void setString(const std::string& value) override {
+        failIfAsked();
+        text = value;
+    }
     std::optional<std::string> text;
 };
 
-class FakeBundleInfo : public BundleInfo {
+class FakeBundleInfo : public BundleInfo, public FailureSwitch {
 public:
     std::optional<std::string> infoDictionaryString(const std::string& id, const std::string& key) const override {
+        failIfAsked();
         auto it = values.find(id + "/" + key);
         if (it == values.end()) return std::nullopt;
         return it->second;
@@ -124,17 +145,17 @@ public:
 
 // Device facts a test sets field by field; the defaults are those of a 375 x 667 phone at scale 2
 // on system 9.3.
-class FakeDeviceInfo : public DeviceInfo {
+class FakeDeviceInfo : public DeviceInfo, public FailureSwitch {
 public:
-    std::string mainBundleIdentifier() const override { return bundleId; }
-    std::string systemVersion() const override { return version; }
-    double coreFoundationVersionNumber() const override { return cfVersion; }
-    double screenWidthPoints() const override { return width; }
-    double screenHeightPoints() const override { return height; }
-    double screenScale() const override { return scale; }
-    int orientation() const override { return orientationValue; }
-    std::string serialNumber() const override { return serial; }
-    std::vector<std::string> preferredLanguages() const override { return languages; }
+    std::string mainBundleIdentifier() const override { return (failIfAsked(), bundleId); }
+    std::string systemVersion() const override { return (failIfAsked(), version); }
+    double coreFoundationVersionNumber() const override { return (failIfAsked(), cfVersion); }
+    double screenWidthPoints() const override { return (failIfAsked(), width); }
+    double screenHeightPoints() const override { return (failIfAsked(), height); }
+    double screenScale() const override { return (failIfAsked(), scale); }
+    int orientation() const override { return (failIfAsked(), orientationValue); }
+    std::string serialNumber() const override { return (failIfAsked(), serial); }
+    std::vector<std::string> preferredLanguages() const override { return (failIfAsked(), languages); }
 
     std::string bundleId = "com.apple.springboard";
     std::string version = "9.3";
@@ -176,6 +197,17 @@ private:
     mutable std::mutex mutex_;
     std::vector<uint64_t> sleeps_;
     std::function<void(uint64_t)> hook_;
+};
+
+// The headless interface with a hook that runs (on the main run loop) as each dialog is shown,
+// before the queued answer is given: a test acts there while the script waits for the user.
+class ScriptedUserInterface : public HeadlessUserInterface {
+public:
+    DialogResponse showDialog(const DialogRequest& request) override {
+        if (onDialog) onDialog(request);
+        return HeadlessUserInterface::showDialog(request);
+    }
+    std::function<void(const DialogRequest&)> onDialog;
 };
 
 }  // namespace tw::test
