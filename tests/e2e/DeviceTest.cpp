@@ -1,7 +1,7 @@
 // A running device driven from outside: `tapwright events` prints what `tapwright hardware` and
 // scripts make it dispatch, a real touch makes the injector forget a script's held fingers, typed
-// text reaches the app's field, garbage on the hardware socket harms nothing, and a killed
-// input-event role comes back while a play goes on.
+// text reaches the app's field, garbage on the hardware socket harms nothing, a killed input-event
+// role comes back while a play goes on, and apps killed on purpose stay down.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -30,14 +30,6 @@ void sendToHardwareSocket(const fs::path& root, const std::string& bytes) {
     close(fd);
 }
 
-// A one-finger hand event in short: who made it, the finger, its x, mask and touch.
-std::string describe(const json& hand) {
-    if (hand["children"].size() != 1) return "fingers: " + std::to_string(hand["children"].size());
-    const json& f = hand["children"][0];
-    return std::string(hand.value("hardware", false) ? "real " : "script ") + f["index"].dump() + " x=" +
-           f["x"].dump() + " mask=" + f["mask"].dump() + " touch=" + f["touch"].dump();
-}
-
 TEST(Device, EventsShowRealAndScriptedInputAndBadHardwareInputIsDropped) {
     test::Cli cli;
     ASSERT_TRUE(cli.startDevice()) << cli.device().err();
@@ -45,8 +37,8 @@ TEST(Device, EventsShowRealAndScriptedInputAndBadHardwareInputIsDropped) {
     ASSERT_TRUE(events);
     const size_t warmUpKeys = cli.traceLines("keyboard").size();
 
-    ASSERT_EQ(cli.run({"hardware", "touch", "down", "7", "300", "600"}).exitCode, 0);
-    ASSERT_EQ(cli.run({"hardware", "touch", "up", "7", "300", "600"}).exitCode, 0);
+    ASSERT_EQ(cli.run({"hardware", "touch", "down", "7", "300", "667"}).exitCode, 0);
+    ASSERT_EQ(cli.run({"hardware", "touch", "up", "7", "300", "667"}).exitCode, 0);
     ASSERT_EQ(cli.run({"hardware", "button", "home"}).exitCode, 0);
     // Lines the device drops, then one it takes on the same connection; then a line too long.
     std::string garbage = "not json\n" + std::string(1000, '[') + "\n" +
@@ -57,7 +49,7 @@ TEST(Device, EventsShowRealAndScriptedInputAndBadHardwareInputIsDropped) {
     sendToHardwareSocket(cli.root(), garbage + "\n{\"kind\":\"button\",\"usage\":234,\"down\":true}\n");
     sendToHardwareSocket(cli.root(), std::string(70000, 'x'));
 
-    const std::string hardware = std::string(TW_BINARY) + " hardware touch %s 8 300 600 --root " + cli.root().string();
+    const std::string hardware = std::string(TW_BINARY) + " hardware touch %s 8 300 667 --root " + cli.root().string();
     const auto r = cli.play("inputText('caf\\xC3\\xA9') inputText('\\b!')\n"
                             "touchDown(1, 75, 667) usleep(1000)\n"
                             "os.execute(string.format('" + hardware + "', 'down'))\n"
@@ -70,12 +62,11 @@ TEST(Device, EventsShowRealAndScriptedInputAndBadHardwareInputIsDropped) {
     ASSERT_EQ(texts.size(), 2u);
     EXPECT_EQ(texts[1], json({{"kind", "text"}, {"bundle", "me.tapwright.demo.notes"}, {"field", "caf!"}}));
 
-    std::vector<std::string> touches;
-    for (const auto& hand : cli.traceLines("digitizer")) touches.push_back(describe(hand));
-    EXPECT_EQ(touches, (std::vector<std::string>{"real 7 x=0.4 mask=3 touch=1", "real 7 x=0.4 mask=3 touch=0",
-                                                 "script 1 x=0.1 mask=3 touch=1", "real 8 x=0.4 mask=3 touch=1",
-                                                 "real 8 x=0.4 mask=3 touch=0", "script 1 x=0.2 mask=4 touch=1",
-                                                 "script 1 x=0.2 mask=3 touch=0"}));
+    EXPECT_EQ(cli.touches(), (std::vector<std::string>{
+                                 "real 7 at 0.4,0.5 mask 3 touch 1", "real 7 at 0.4,0.5 mask 3 touch 0",
+                                 "script 1 at 0.1,0.5 mask 3 touch 1", "real 8 at 0.4,0.5 mask 3 touch 1",
+                                 "real 8 at 0.4,0.5 mask 3 touch 0", "script 1 at 0.2,0.5 mask 4 touch 1",
+                                 "script 1 at 0.2,0.5 mask 3 touch 0"}));
     std::vector<std::string> keys;
     const auto keyLines = cli.traceLines("keyboard");
     for (size_t i = warmUpKeys; i < keyLines.size(); ++i)
@@ -116,6 +107,14 @@ TEST(Device, AKilledInputEventRoleComesBackAndAPlayGoesOnWithIt) {
     EXPECT_NE(after[0], before[0]);
     EXPECT_NE(cli.device().err().find("com.apple.backboardd was killed by signal 9; restarting it"), std::string::npos);
 
+    // An app a script kills stays down; launched again, it outlives the play and ends with the device.
+    const auto apps = cli.play("local notes = 'me.tapwright.demo.notes' appKill(notes)\n"
+                               "for i = 1, 250 do if appState(notes) ~= 'running' then break end usleep(20000) end\n"
+                               "appRun(notes)\n");
+    ASSERT_EQ(apps.exitCode, 0) << apps.err;
+    const auto stayedDown = [&] { return cli.device().err().find("notes ended; it stays down") != std::string::npos; };
+    EXPECT_TRUE(test::eventually(stayedDown)) << cli.device().err();
+    EXPECT_EQ(cli.roles("me.tapwright.demo.notes").size(), 1u);
     // `events` lost the role it followed and said so.
     EXPECT_EQ(events->wait(10), 1);
     EXPECT_EQ(events->err(), "tapwright: the device went away\n");

@@ -63,6 +63,19 @@ std::vector<nlohmann::json> Cli::traceLines(const std::string& kind) const {
     return jsonLines(readFile(trace()), kind);
 }
 
+std::vector<std::string> Cli::touches() const {
+    std::vector<std::string> shown;
+    for (const auto& hand : traceLines("digitizer")) {
+        const auto& f = hand["children"];
+        if (f.size() != 1) shown.push_back(std::to_string(f.size()) + " fingers");
+        else
+            shown.push_back(std::string(hand.value("hardware", false) ? "real " : "script ") + f[0]["index"].dump() +
+                            " at " + f[0]["x"].dump() + "," + f[0]["y"].dump() + " mask " + f[0]["mask"].dump() +
+                            " touch " + f[0]["touch"].dump());
+    }
+    return shown;
+}
+
 std::vector<pid_t> Cli::roles(const std::string& bundleId) const {
     const std::string root = std::filesystem::canonical(root_.path()).string();
     return findProcesses({TW_BINARY, " role " + bundleId, "--root " + root + " "});

@@ -41,6 +41,9 @@ public:
 
     std::filesystem::path trace() const { return file("trace.jsonl"); }
     std::vector<nlohmann::json> traceLines(const std::string& kind = "") const;
+    // The trace's hand events in short, "real 7 at 0.4,0.5 mask 3 touch 1" for a person's finger
+    // ("script ..." for an injected one), "N fingers" for a hand of several.
+    std::vector<std::string> touches() const;
     // Pids of the role processes on this root (of `bundleId` when given).
     std::vector<pid_t> roles(const std::string& bundleId = "") const;
 
