@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -24,6 +25,14 @@ std::string readFile(const std::filesystem::path& path) {
     std::ostringstream out;
     out << in.rdbuf();
     return out.str();
+}
+
+std::string withoutTime(const std::string& line) {
+    const size_t at = line.find(",\"time\":");
+    if (at == std::string::npos) return line;
+    size_t end = at + 8;
+    while (end < line.size() && std::isdigit(static_cast<unsigned char>(line[end]))) ++end;
+    return end > at + 8 ? line.substr(0, at) + line.substr(end) : line;
 }
 
 void writeFile(const std::filesystem::path& path, const std::string& content) {

@@ -23,6 +23,9 @@ private:
 
 std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, const std::string& content);
+// A trace line with its "time" field (a whole number, the first field after "kind") taken out, so
+// that tests can compare the rest exactly; the line unchanged when it has none.
+std::string withoutTime(const std::string& line);
 
 }  // namespace tw::test
 

@@ -1,4 +1,4 @@
-// The script function table: the 36 names in their fixed order, the standard argument checks, and
+// The script function table: the 36 names in their fixed order, then the newer ones, the standard argument checks, and
 // callSafely, the one boundary between C++ and Lua.
 #include "EngineFixture.h"
 #include "api/Registry.h"
@@ -8,13 +8,14 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-TEST(ScriptFunctionRegistry, RegistersTheThirtySixFunctionsInTheirFixedOrder) {
+TEST(ScriptFunctionRegistry, RegistersTheThirtySixFunctionsInTheirFixedOrderThenTheNewerOnes) {
     const Texts expected = {
         "keyDown", "keyUp", "touchDown", "touchMove", "touchUp", "rootDir", "log", "usleep", "alert", "vibrate",
         "playAudio", "pauseAudio", "resumeAudio", "stopAudio", "screenshot", "getScreenSize", "getScreenScale",
         "getScreenBitDepth", "getColors", "findColors", "findImage", "appRun", "appKill", "appState", "getSN",
         "getVersion", "copyText", "clipText", "inputText", "fakeLocation", "clearFakeLocation", "adaptResolution",
-        "adaptOrientation", "getOrientation", "dialog", "clearDialogValues"};
+        "adaptOrientation", "getOrientation", "dialog", "clearDialogValues", "toast", "appActivate",
+        "frontMostAppId", "openURL"};
     Texts names;
     for (const auto& f : scriptFunctions()) names.push_back(f.name);
     EXPECT_EQ(names, expected);
