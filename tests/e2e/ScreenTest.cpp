@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <regex>
 
 #include "Cli.h"
 #include "graphic/Bmp.h"
@@ -51,6 +52,21 @@ TEST(Screen, AShownPictureIsWhatScreenshotsSaveAndScriptsSee) {
                             "print(#found, found[1][1], found[1][2])\n");
     ASSERT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.out, "0A0908 C629C6 000000\n1\t5\t3\n");
+
+    // Without a file, the home screen takes it as its screenshot button does: a click, then a
+    // whole screen in the library named by the time.
+    const auto taken = cli.run({"screenshot"});
+    ASSERT_EQ(taken.exitCode, 0) << taken.err;
+    EXPECT_TRUE(test::eventually([&] {
+        for (const auto& l : cli.traceLines("sound")) if (l.value("systemSound", 0) == 1108) return true;
+        return false;
+    }));
+    std::vector<std::string> named;
+    for (const auto& f : std::filesystem::directory_iterator(cli.root() / "var/mobile/Library/Tapwright/Scripts"))
+        if (std::regex_match(f.path().filename().string(), std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.bmp)")) &&
+            f.file_size() == bmp.size())
+            named.push_back(f.path().filename());
+    EXPECT_EQ(named.size(), 1u) << taken.out;
 }
 
 }  // namespace

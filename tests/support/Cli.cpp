@@ -45,8 +45,9 @@ ProcessResult Cli::play(const std::string& lua, std::vector<std::string> extra) 
     return run(args);
 }
 
-bool Cli::startDevice() {
-    device_ = start({"device", "--trace", trace().string()});
+bool Cli::startDevice(std::vector<std::string> extra) {
+    extra.insert(extra.begin(), {"device", "--trace", trace().string()});
+    device_ = start(std::move(extra));
     return eventually([&] { return device_->err().find("ready") != std::string::npos; }, 10000);
 }
 

@@ -32,8 +32,9 @@ public:
     // trace(); with one, the device does.
     ProcessResult play(const std::string& lua, std::vector<std::string> extra = {}) const;
 
-    // `tapwright device --trace TRACE` on the root; false when it did not say it is ready in time.
-    bool startDevice();
+    // `tapwright device --trace TRACE EXTRA...` on the root; false when it did not say it is ready
+    // in time.
+    bool startDevice(std::vector<std::string> extra = {});
     BackgroundProcess& device() { return *device_; }
     // `tapwright events` on the root once it prints: volume-up is pressed until its line shows.
     // Null when it did not show in time.
@@ -48,7 +49,7 @@ public:
     std::vector<pid_t> roles(const std::string& bundleId = "") const;
 
 private:
-    TempDir root_{"tw-e2e-root"};
+    TempDir root_{"tw.e2e.root"};  // dotted: nothing above the device root may count
     TempDir work_{"tw-e2e"};
     std::unique_ptr<BackgroundProcess> device_;  // stopped before the folders go
 };

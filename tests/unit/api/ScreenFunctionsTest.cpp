@@ -126,7 +126,8 @@ TEST_F(ScreenFunctionsTest, FindImageIgnoresTheColoursItsListTakesFromTheRegion)
 
 TEST_F(ScreenFunctionsTest, ScreenshotWritesIntoTheLibraryWithTheBmpExtension) {
     std::filesystem::create_directory(library("shots"));
-    EXPECT_EQ(run("screenshot('shots/a.png', {10, 20, 2, 2})") + run("screenshot('shots.old/whole')"), "");
+    EXPECT_EQ(run("screenshot('shots/a.png', {10, 20, 2, 2})") + run("screenshot('shots.old/whole')") + run("screenshot('', {0, 0, 1, 1})"), "");
+    EXPECT_EQ(test::readFile(library(".bmp")).size(), 58u);
     EXPECT_EQ(test::readFile(library("shots/a.bmp")).size(), 70u);
     EXPECT_EQ(test::readFile(library("shots.bmp")).size(), 54u + 640 * 960 * 4);  // a dot in a folder counts
 }
