@@ -3,6 +3,8 @@
 // the exit status.
 #include <gtest/gtest.h>
 
+#include <csignal>
+
 #include "Cli.h"
 
 namespace tw {
@@ -36,6 +38,20 @@ TEST(Play, RunsRepeatTouchTheDeviceAndAScriptErrorEndsThePlayAfterItsRun) {
     // The file was imported into the library, and the play's own roles ended with it.
     EXPECT_TRUE(std::filesystem::exists(cli.root() / "var/mobile/Library/Tapwright/Scripts/script.lua"));
     EXPECT_TRUE(cli.roles().empty());
+}
+
+// However a play ends, the roles it started end with it, and what they leave behind in the run
+// folder never blocks the next play.
+TEST(Play, AKilledPlayTakesItsRolesAlongAndTheNextPlayStartsAfresh) {
+    test::Cli cli;
+    auto play = cli.start({"play", cli.file("loop.lua", "print('looping') io.stdout:flush() while true do usleep(1000) end"),
+                           "--trace", cli.trace().string()});
+    ASSERT_TRUE(test::eventually([&] { return play->out() == "looping\n" && !cli.roles().empty(); })) << play->err();
+    EXPECT_EQ(play->stop(SIGKILL), 128 + SIGKILL);
+    EXPECT_TRUE(test::eventually([&] { return cli.roles().empty(); }));
+    const auto next = cli.play("print('again')");
+    EXPECT_EQ(next.exitCode, 0) << next.err;
+    EXPECT_EQ(next.out, "again\n");
 }
 
 // Names that scripts written for this kind of tool call everywhere, on the oldest profile (its
