@@ -97,14 +97,14 @@ TEST_F(ScreenFunctionsTest, RegionsMustBeTablesOfFourEntries) {
 
 TEST_F(ScreenFunctionsTest, FindImageGivesEveryExactMatchByDefault) {
     for (uint32_t y = 10; y < 13; ++y)
-        for (uint32_t x = 10; x < 14; ++x) screen->display->setPixel(x, y, 0x5A5A5A);
-    reference::Rows rows(2, std::vector<uint32_t>(2, 0x5A5A5A));
+        for (uint32_t x = 10; x < 15; ++x) screen->display->setPixel(x, y, 0x5A5A5A);
+    reference::Rows rows(2, std::vector<uint32_t>(2, 0x5A5A5A)), spot(2, std::vector<uint32_t>(5, 0x5A5A5A));
     ASSERT_TRUE(reference::saveBmp(library("flat.bmp"), rows));
-    rows[1][1] = 0xA5A5A5;
-    ASSERT_TRUE(reference::saveBmp(library("spot.bmp"), rows));
-    const std::string all = "{{10,10},{11,10},{12,10},{10,11},{11,11},{12,11}}";
+    spot[1][4] = 0xA5A5A5;  // 9 pixels of 10 match
+    ASSERT_TRUE(reference::saveBmp(library("spot.bmp"), spot));
+    const std::string all = "{{10,10},{11,10},{12,10},{13,10},{10,11},{11,11},{12,11},{13,11}}";
     EXPECT_EQ(run("findImage('flat.bmp'), findImage('flat.bmp', 2)"), all + " {{10,10},{11,10}}");
-    EXPECT_EQ(run("findImage('spot.bmp'), findImage('spot.bmp', 0, 0.75)"), "{} " + all);
+    EXPECT_EQ(run("findImage('spot.bmp'), findImage('spot.bmp', 0, 0.85)"), "{} {{10,10},{10,11}}");
     // The template lies wholly inside the region: one larger by one has one position, one as large
     // none, and a smaller one is refused.
     EXPECT_EQ(run("each(function(r) return findImage('flat.bmp', 0, 1, nil, r) end, {{10, 10, 3, 3}, {10, 10, 2, 2}, "

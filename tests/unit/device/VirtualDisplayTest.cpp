@@ -66,7 +66,7 @@ TEST_F(VirtualDisplayTest, AHeaderThatDoesNotFitItsFileIsRefusedNotMapped) {
         {"another magic", file("TWDISP02", 2, 2, 8, 16), false},
         {"zero width", file("TWDISP01", 0, 2, 8, 16), false},
         {"zero height", file("TWDISP01", 2, 0, 8, 16), false},
-        {"rows shorter than the width", file("TWDISP01", 2, 2, 4, 16), false},
+        {"rows shorter than the width", file("TWDISP01", 2, 2, 7, 16), false},
         {"pixels cut short", file("TWDISP01", 2, 2, 8, 15), false},
     };
     for (const auto& c : cases) {
