@@ -45,6 +45,21 @@ TEST(LibraryAndCrypt, ALibraryScriptIsEditedEncryptedPlayedWithItsPasswordAndDec
     const auto decrypted = cli.run({"decrypt", "/folder/s.lua.e", "--password", "open sesame"});
     ASSERT_EQ(decrypted.exitCode, 0) << decrypted.err;
     EXPECT_EQ(test::readFile(scripts / "folder/s.lua"), text);
+
+    // A link inside the library to a folder beside it (whose name starts like the library's) is
+    // not a way out, for any command.
+    const auto outside = scripts.parent_path() / "Scripts-old";
+    std::filesystem::create_directory(outside);
+    test::writeFile(outside / "x.lua", text);
+    std::filesystem::create_directory_symlink(outside, scripts / "out");
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"library", "cat", "/out/x.lua"},
+                                                 {"library", "ls", "/out"}, {"library", "new", "/out/y.lua"},
+                                                 {"library", "mkdir", "/out/d"}, {"encrypt", "/out/x.lua", "--password", "p"}}) {
+        const auto r = cli.run(args);
+        EXPECT_NE(r.exitCode, 0) << args[1];
+        EXPECT_EQ(r.out, "") << args[1];
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(outside), {}), 1);
 }
 
 }  // namespace
