@@ -21,6 +21,7 @@ struct Regression {
     std::string target;
     fs::path file;
 };
+void PrintTo(const Regression& r, std::ostream* out) { *out << r.target << "/" << r.file.filename().string(); }
 
 std::vector<Regression> regressions() {
     std::vector<Regression> all;

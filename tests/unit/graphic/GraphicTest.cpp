@@ -52,6 +52,12 @@ TEST(GraphicTest, IgnoredTemplateColoursNeverCountAsMismatches) {
     EXPECT_EQ(find({-1}), Points{});
 }
 
+}  // namespace
+
+void PrintTo(ScanKernel kernel, std::ostream* out) { *out << (kernel == ScanKernel::Automatic ? "automatic" : "portable"); }
+
+namespace {
+
 class GraphicScanTest : public ::testing::TestWithParam<ScanKernel> {
 protected:
     void SetUp() override { select_scan_kernel(GetParam()); }
