@@ -1,8 +1,11 @@
 #pragma once
-// Small helpers shared by the test suites: temporary device roots and file access.
+// Small helpers shared by the test suites: temporary folders, files, processes, waiting.
+#include <sys/types.h>
+
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace tw::test {
 
@@ -27,28 +30,15 @@ void writeFile(const std::filesystem::path& path, const std::string& content);
 // that tests can compare the rest exactly; the line unchanged when it has none.
 std::string withoutTime(const std::string& line);
 
-}  // namespace tw::test
-
-#include <vector>
-
-namespace tw::test {
-
 struct ProcessResult {
     int exitCode = -1;  // 128 + signal when killed by a signal
     std::string out;
     std::string err;
 };
 
-// Runs `args` (args[0] is the program) with `env` added to the environment, standard input
-// closed, and waits for it, at most `timeoutSeconds` (then it is killed).
-ProcessResult runProcess(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-                         int timeoutSeconds = 30);
-
-}  // namespace tw::test
-
-#include <sys/types.h>
-
-namespace tw::test {
+// Runs `args` (args[0] is the program) with standard input closed, and waits for it, at most
+// `timeoutSeconds` (then it is killed).
+ProcessResult runProcess(const std::vector<std::string>& args, int timeoutSeconds = 30);
 
 // A process running beside the test, its output going to files; stopped with SIGTERM when the
 // object goes away.
