@@ -1,20 +1,15 @@
 #include "EngineFixture.h"
 
-#include <filesystem>
 #include <sstream>
 
 #include "api/Registry.h"
 #include "api/SystemFunctions.h"
 #include "core/Global.h"
 #include "core/Paths.h"
-#include "core/Settings.h"
 #include "injection/EventSimulate.h"
 #include "injection/records/MessageIds.h"
 #include "library/FileManager.h"
-#include "platform/RunLoop.h"
 #include "roles/ProcessWiring.h"
-#include "platform/linux/PlistUserDefaults.h"
-#include "platform/linux/UnixMessagePorts.h"
 #include "play/ScriptManager.h"
 #include "store/PlaySettings.h"
 
@@ -36,16 +31,12 @@ FakeInjector::FakeInjector(MessagePortService& ports) : loop_(std::make_shared<l
 }
 
 FakeInjector::~FakeInjector() {
-    close();
+    loop_->postAndWait([this] {
+        if (port_) port_->invalidate();
+        port_.reset();
+    });
     loop_->stop();
     thread_.join();
-}
-
-void FakeInjector::close() { loop_->postAndWait([this] { closeOnLoop(); }); }
-
-void FakeInjector::closeOnLoop() {
-    if (port_) port_->invalidate();
-    port_.reset();
 }
 
 std::vector<ReceivedMessage> FakeInjector::messages() const {
@@ -58,13 +49,6 @@ bool FakeInjector::waitForMessages(size_t count) {
     return arrived_.wait_for(lock, std::chrono::seconds(2), [&] { return messages_.size() >= count; });
 }
 
-size_t FakeInjector::count(int32_t msgid) const {
-    std::lock_guard lock(mutex_);
-    size_t n = 0;
-    for (const auto& m : messages_) n += m.msgid == msgid;
-    return n;
-}
-
 void EngineFixture::SetUp() {
     root = std::make_unique<TempDir>("tw-engine");
     ui = std::make_shared<ScriptedUserInterface>();
@@ -72,9 +56,7 @@ void EngineFixture::SetUp() {
     sleeper = std::make_shared<FakeSleeper>();
 
     roles::ProcessSetup setup;
-    setup.root = root->str();
-    setup.ui = ui;
-    setup.sounds = sounds;
+    setup.root = root->str(), setup.ui = ui, setup.sounds = sounds;
     loop = roles::installProcess(setup);
     Platform::current().sleeper = sleeper;
     defaults = Platform::current().standardDefaults;
@@ -82,6 +64,7 @@ void EngineFixture::SetUp() {
     ASSERT_TRUE(FileManager::prepareDirectories());
     EventSimulate::resetPort();
     Global::sharedInstance().init();
+    luaStopFlag.store(0);  // a play stopped in an earlier test leaves it set
 
     ScriptManager::setErrorHandler([this](const std::string& message) {
         std::lock_guard lock(errorsMutex);
@@ -122,10 +105,7 @@ std::string EngineFixture::addScript(const std::string& name, const std::string&
 
 std::shared_ptr<PlaySettings> EngineFixture::textPlay(const std::string& lua, int64_t repeat, int64_t interval) {
     auto s = std::make_shared<PlaySettings>();
-    s->playType = 1;
-    s->scriptContent = lua;
-    s->repeatTime = repeat;
-    s->repeatInterval = interval;
+    s->playType = 1, s->scriptContent = lua, s->repeatTime = repeat, s->repeatInterval = interval;
     return s;
 }
 
@@ -159,21 +139,14 @@ std::string ScriptFunctionFixture::run(const std::string& lua) {
 
 std::vector<std::string> ScriptFunctionFixture::results(const std::string& call) {
     const int base = lua_gettop(L);
-    const std::string chunk = "return " + call;
-    if (luaL_loadstring(L, chunk.c_str()) != LUA_OK || lua_pcall(L, 0, LUA_MULTRET, 0) != LUA_OK) {
-        ADD_FAILURE() << call << ": " << lua_tostring(L, -1);
-        lua_settop(L, base);
-        return {};
-    }
     std::vector<std::string> out;
-    for (int i = base + 1; i <= lua_gettop(L); ++i) {
-        const int type = lua_type(L, i);
-        if (type == LUA_TNIL || type == LUA_TBOOLEAN)
-            out.push_back(type == LUA_TNIL ? "nil" : lua_toboolean(L, i) ? "true" : "false");
-        else
-            out.push_back(type == LUA_TSTRING || type == LUA_TNUMBER ? lua_tostring(L, i)
-                                                                     : std::string("<") + luaL_typename(L, i) + ">");
-    }
+    if (luaL_loadstring(L, ("return " + call).c_str()) != LUA_OK || lua_pcall(L, 0, LUA_MULTRET, 0) != LUA_OK)
+        ADD_FAILURE() << call << ": " << lua_tostring(L, -1);
+    else
+        for (int i = base + 1, top = lua_gettop(L); i <= top; ++i) {
+            out.push_back(luaL_tolstring(L, i, nullptr));
+            lua_pop(L, 1);
+        }
     lua_settop(L, base);
     return out;
 }

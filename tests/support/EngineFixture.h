@@ -14,14 +14,11 @@
 
 #include "SeamDoubles.h"
 #include "TestSupport.h"
-#include "platform/Clock.h"
 #include "platform/MessagePort.h"
 #include "platform/Platform.h"
 #include "platform/UserDefaults.h"
-#include "platform/UserInterface.h"
 #include "platform/linux/AsioRunLoop.h"
 #include "platform/Lua.h"
-#include "platform/linux/ProfileDeviceInfo.h"
 #include "store/PlaySettings.h"
 
 namespace tw::test {
@@ -39,16 +36,11 @@ public:
     explicit FakeInjector(MessagePortService& ports);
     ~FakeInjector();
 
-    bool listening() const { return port_ != nullptr; }
     std::vector<ReceivedMessage> messages() const;
     // Waits until at least `count` messages arrived (or 2 s passed); returns whether they did.
     bool waitForMessages(size_t count);
-    size_t count(int32_t msgid) const;
-    // Closes the port, as a dying injector process would.
-    void close();
 
 private:
-    void closeOnLoop();
     std::shared_ptr<linuxp::AsioRunLoop> loop_;
     std::thread thread_;
     std::shared_ptr<LocalPort> port_;
@@ -90,8 +82,7 @@ protected:
     void TearDown() override;
     // Runs `lua` in the state; "" on success, else the error message.
     std::string run(const std::string& lua);
-    // The values of the expression list `call`: "nil", "true", "false", a string or number as
-    // text, else "<type>".
+    // The values of the expression list `call` as Lua's tostring() writes them.
     std::vector<std::string> results(const std::string& call);
 
     lua_State* L = nullptr;

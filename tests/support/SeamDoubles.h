@@ -17,7 +17,7 @@
 #include "platform/Clock.h"
 #include "platform/DeviceInfo.h"
 #include "platform/Pasteboard.h"
-#include "platform/UserDefaults.h"
+#include "platform/Platform.h"
 #include "ui/HeadlessUserInterface.h"
 
 namespace tw::test {
@@ -37,23 +37,13 @@ public:
         Player(FakeAudioService& owner, std::string file) : owner_(owner), file_(std::move(file)) {}
         ~Player() override { note("release"); }
         void setNumberOfLoops(int32_t loops) override { note("loops " + std::to_string(loops)); }
-        bool play() override {
-            playing_ = true;
-            note("play");
-            return true;
-        }
-        void pause() override {
-            playing_ = false;
-            note("pause");
-        }
-        void stop() override {
-            playing_ = false;
-            note("stop");
-        }
+        bool play() override { return playing_ = true, note("play"); }
+        void pause() override { playing_ = false, note("pause"); }
+        void stop() override { playing_ = false, note("stop"); }
         bool isPlaying() const override { return playing_ && !owner_.soundsEnded; }
 
     private:
-        void note(const std::string& action) { owner_.journal.push_back(action + " " + file_); }
+        bool note(const std::string& action) { return owner_.journal.push_back(action + " " + file_), true; }
         FakeAudioService& owner_;
         std::string file_;
         bool playing_ = false;
@@ -97,18 +87,12 @@ public:
         calls.push_back("signal " + std::to_string(pid) + " " + std::to_string(signal));
     }
     std::vector<AppRecord> installedApps() override { return installed; }
-    std::optional<std::string> frontmostApplication() override { return front; }
-    bool activateApplication(const std::string& id) override {
-        calls.push_back("activate " + id);
-        if (!apps.count(id)) return false;
-        front = id;
-        return true;
-    }
-    void openURL(const std::string& url) override { calls.push_back("open " + url); }
+    std::optional<std::string> frontmostApplication() override { return std::nullopt; }
+    bool activateApplication(const std::string&) override { return false; }
+    void openURL(const std::string&) override {}
 
     std::map<std::string, ApplicationRecord> apps;
     std::vector<AppRecord> installed;
-    std::optional<std::string> front;
     std::vector<std::string> calls;
 
 private:
@@ -166,32 +150,38 @@ public:
     std::vector<std::string> languages{"en"};
 };
 
-// A defaults domain in memory.
-class MemoryDefaults : public UserDefaults {
-public:
-    std::optional<DefaultsValue> objectForKey(const std::string& key) override {
-        auto it = values.find(key);
-        if (it == values.end()) return std::nullopt;
-        return it->second;
+// One double of each service the system functions use; install() puts them into `platform`.
+struct FakeServices {
+    std::shared_ptr<FakeAudioService> audio = std::make_shared<FakeAudioService>();
+    std::shared_ptr<FakeAppService> apps = std::make_shared<FakeAppService>();
+    std::shared_ptr<FakePasteboard> pasteboard = std::make_shared<FakePasteboard>();
+    std::shared_ptr<FakeBundleInfo> bundles = std::make_shared<FakeBundleInfo>();
+    std::shared_ptr<FakeDeviceInfo> device = std::make_shared<FakeDeviceInfo>();
+    void install(Platform& platform, bool failing = false) {
+        audio->failing = apps->failing = pasteboard->failing = bundles->failing = device->failing = failing;
+        std::tie(platform.audio, platform.apps, platform.pasteboard, platform.bundles, platform.device) =
+            std::tie(audio, apps, pasteboard, bundles, device);
     }
-    bool setObject(const std::string& key, const DefaultsValue& value) override {
-        values[key] = value;
-        return true;
-    }
-    bool removeObjectForKey(const std::string& key) override {
-        values.erase(key);
-        return true;
-    }
-    std::map<std::string, DefaultsValue> values;
 };
 
 // Records every sleep; a hook may act on it (from the sleeping thread). Nothing really sleeps.
 class FakeSleeper : public Sleeper {
 public:
-    void sleepMicroseconds(uint64_t microseconds) override;
-    std::vector<uint64_t> sleeps() const;
-    void setHook(std::function<void(uint64_t)> hook);
-    void clear();
+    void sleepMicroseconds(uint64_t microseconds) override {
+        std::unique_lock lock(mutex_);
+        sleeps_.push_back(microseconds);
+        auto hook = hook_;
+        lock.unlock();
+        if (hook) hook(microseconds);
+    }
+    std::vector<uint64_t> sleeps() const {
+        std::lock_guard lock(mutex_);
+        return sleeps_;
+    }
+    void setHook(std::function<void(uint64_t)> hook) {
+        std::lock_guard lock(mutex_);
+        hook_ = std::move(hook);
+    }
 
 private:
     mutable std::mutex mutex_;

@@ -8,7 +8,9 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-TEST(ScriptFunctionRegistry, RegistersTheThirtySixFunctionsInTheirFixedOrderThenTheNewerOnes) {
+using RegistryTest = test::ScriptFunctionFixture;
+
+TEST_F(RegistryTest, RegistersTheThirtySixFunctionsInTheirFixedOrderThenTheNewerOnes) {
     const Texts expected = {
         "keyDown", "keyUp", "touchDown", "touchMove", "touchUp", "rootDir", "log", "usleep", "alert", "vibrate",
         "playAudio", "pauseAudio", "resumeAudio", "stopAudio", "screenshot", "getScreenSize", "getScreenScale",
@@ -19,17 +21,8 @@ TEST(ScriptFunctionRegistry, RegistersTheThirtySixFunctionsInTheirFixedOrderThen
     Texts names;
     for (const auto& f : scriptFunctions()) names.push_back(f.name);
     EXPECT_EQ(names, expected);
-    lua_State* L = luaL_newstate();
-    registerFunctions(L);
-    for (const auto& name : expected) {
-        lua_getglobal(L, name.c_str());
-        EXPECT_TRUE(lua_iscfunction(L, -1)) << name;
-        lua_pop(L, 1);
-    }
-    lua_close(L);
+    for (const auto& name : expected) EXPECT_EQ(results("type(" + name + ")"), Texts{"function"}) << name;
 }
-
-using RegistryTest = test::ScriptFunctionFixture;
 
 TEST_F(RegistryTest, BadArgumentsRaiseTheStandardMessagesAndTheFixedOnes) {
     const std::pair<const char*, const char*> cases[] = {
@@ -62,15 +55,7 @@ TEST_F(RegistryTest, BadArgumentsRaiseTheStandardMessagesAndTheFixedOnes) {
 }
 
 TEST_F(RegistryTest, APlatformExceptionGivesNilResultsOrNoEffectAndTheScriptGoesOn) {
-    auto apps = std::make_shared<test::FakeAppService>();
-    auto pasteboard = std::make_shared<test::FakePasteboard>();
-    auto device = std::make_shared<test::FakeDeviceInfo>();
-    auto bundles = std::make_shared<test::FakeBundleInfo>();
-    auto audio = std::make_shared<test::FakeAudioService>();
-    apps->failing = pasteboard->failing = device->failing = bundles->failing = audio->failing = true;
-    auto& platform = Platform::current();
-    std::tie(platform.apps, platform.pasteboard, platform.device, platform.bundles, platform.audio) =
-        std::tie(apps, pasteboard, device, bundles, audio);
+    test::FakeServices().install(Platform::current(), /*failing=*/true);
     struct Case {
         const char* name;
         const char* call;

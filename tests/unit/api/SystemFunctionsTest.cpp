@@ -3,26 +3,19 @@
 #include "EngineFixture.h"
 #include "api/SystemFunctions.h"
 #include "core/Paths.h"
-#include "core/Plist.h"
+#include "core/TWLocationClient.h"
 
 namespace tw {
 namespace {
 
 using Texts = std::vector<std::string>;
 
-class SystemFunctionsTest : public test::ScriptFunctionFixture {
+class SystemFunctionsTest : public test::ScriptFunctionFixture, protected test::FakeServices {
 protected:
     void SetUp() override {
         ScriptFunctionFixture::SetUp();
-        auto& platform = Platform::current();
-        std::tie(platform.audio, platform.apps, platform.pasteboard, platform.bundles, platform.device) =
-            std::tie(audio, apps, pasteboard, bundles, device);
+        install(Platform::current());
     }
-    std::shared_ptr<test::FakeAudioService> audio = std::make_shared<test::FakeAudioService>();
-    std::shared_ptr<test::FakeAppService> apps = std::make_shared<test::FakeAppService>();
-    std::shared_ptr<test::FakePasteboard> pasteboard = std::make_shared<test::FakePasteboard>();
-    std::shared_ptr<test::FakeBundleInfo> bundles = std::make_shared<test::FakeBundleInfo>();
-    std::shared_ptr<test::FakeDeviceInfo> device = std::make_shared<test::FakeDeviceInfo>();
 };
 
 TEST_F(SystemFunctionsTest, TheAudioSlotHoldsOnePlayerAndActsOnlyInTheRightState) {
@@ -92,21 +85,11 @@ TEST_F(SystemFunctionsTest, TextGoesThroughThePasteboardUpToItsFirstNul) {
     }
 }
 
-TEST_F(SystemFunctionsTest, FakeLocationEditsTheTableEntryOfOneApp) {
-    const auto faked = [](const char* app) {
-        PlistHandle table = readPlistFile(Paths::resolve(kLocationsPath));
-        plist_t pair = isPlistDict(table.get()) ? plist_dict_get_item(table.get(), app) : nullptr;
-        std::vector<double> out(pair ? plist_array_get_size(pair) : 0);
-        for (uint32_t i = 0; i < out.size(); ++i) plist_get_real_val(plist_array_get_item(pair, i), &out[i]);
-        return out;
-    };
-    ASSERT_EQ(run("clearFakeLocation('maps')"), "");
-    EXPECT_FALSE(std::filesystem::exists(Paths::resolve(kLocationsPath)));  // nothing to clear: nothing made
+TEST_F(SystemFunctionsTest, FakeLocationTakesNumbersOrTextDefaultsToZeroAndClearsOneApp) {
     ASSERT_EQ(run("fakeLocation('maps', 48.8584, '2.2945') fakeLocation('run') fakeLocation('walk', -33.5) clearFakeLocation('walk')"), "");
-    EXPECT_EQ(faked("maps"), (std::vector<double>{48.8584, 2.2945}));
-    EXPECT_EQ(faked("run"), (std::vector<double>{0, 0}));
-    EXPECT_TRUE(faked("walk").empty());
-    EXPECT_TRUE(logMessages().empty());
+    EXPECT_EQ(TWLocationClient::fakedLocationForApp("maps"), (FakedLocation{48.8584, 2.2945}));
+    EXPECT_EQ(TWLocationClient::fakedLocationForApp("run"), FakedLocation{});
+    EXPECT_FALSE(TWLocationClient::fakedLocationForApp("walk"));
 }
 
 TEST_F(SystemFunctionsTest, AlertAndVibrateReachTheUserAndMissingServicesGiveNothing) {

@@ -38,7 +38,7 @@ TEST_F(TouchFunctionsTest, FingersKeysTextAndOrientationBecomeTheirRequests) {
 
 TEST_F(TouchFunctionsTest, UsleepSyncsFirstThenWaitsScaledByTheCurrentSpeed) {
     test::FakeInjector injector(*Platform::current().ports);
-    sleeper->setHook([&](uint64_t) { EXPECT_EQ(injector.count(kMsgSync), sleeper->sleeps().size()); });
+    sleeper->setHook([&](uint64_t) { EXPECT_EQ(injector.messages().size(), sleeper->sleeps().size()); });  // a sync each, first
     auto settings = std::make_shared<PlaySettings>();
     settings->playSpeed = 1.5f;
     Global::sharedInstance().setCurrentPlaySettings(settings);
@@ -49,12 +49,7 @@ TEST_F(TouchFunctionsTest, UsleepSyncsFirstThenWaitsScaledByTheCurrentSpeed) {
 }
 
 TEST(ScaledWait, IsComputedInSinglePrecisionAndSaturates) {
-    const struct {
-        const char* name;
-        uint32_t microseconds;
-        float speed;
-        uint32_t wait;
-    } cases[] = {
+    const std::tuple<const char*, uint32_t, float, uint32_t> cases[] = {  // name, microseconds, speed, wait
         {"speed 1 waits the time", 1000000, 1.0f, 1000000},
         {"speed 2 waits nothing", 1000000, 2.0f, 0},
         {"speed 1.5 waits half", 1000000, 1.5f, 500000},
@@ -65,7 +60,7 @@ TEST(ScaledWait, IsComputedInSinglePrecisionAndSaturates) {
         {"a negative product waits nothing", 1000, 3.0f, 0},
         {"past 32 bits the longest wait", 4000000000u, 0.0f, 4294967295u},
     };
-    for (const auto& c : cases) EXPECT_EQ(scaledWaitMicroseconds(c.microseconds, c.speed), c.wait) << c.name;
+    for (const auto& [name, microseconds, speed, wait] : cases) EXPECT_EQ(scaledWaitMicroseconds(microseconds, speed), wait) << name;
 }
 
 }  // namespace

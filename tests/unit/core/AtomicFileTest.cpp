@@ -17,8 +17,9 @@ struct AtomicFileTest : ::testing::Test {
     const std::string path = dir.str() + "/file";
 };
 
-TEST_F(AtomicFileTest, ReplacesTheWholeFileKeepingItsPermissionsAndLeavesNoTemporary) {
-    test::writeFile(path, std::string(100, 'o'));
+TEST_F(AtomicFileTest, ReadsAWholeFileAndReplacesItKeepingItsPermissionsAndLeavesNoTemporary) {
+    test::writeFile(path, std::string(200000, 'o'));
+    EXPECT_EQ(readWholeFile(path), std::string(200000, 'o'));  // more than one read
     ::chmod(path.c_str(), 0600);
     std::string error = "untouched";
     ASSERT_TRUE(writeFileAtomically(path, "short", &error));
@@ -30,8 +31,12 @@ TEST_F(AtomicFileTest, ReplacesTheWholeFileKeepingItsPermissionsAndLeavesNoTempo
     EXPECT_EQ(entries(), 2u);
 }
 
-TEST_F(AtomicFileTest, FailuresSayWhyAndLeaveTheTargetAndNoTemporary) {
+TEST_F(AtomicFileTest, FailuresSayWhyAndLeaveTheTargetAndNoTemporaryAndReadsFailOnAMissingFileAndAFolder) {
     int code = 0;
+    EXPECT_FALSE(readWholeFile(path, &code));
+    EXPECT_EQ(code, ENOENT);
+    EXPECT_FALSE(readWholeFile(dir.str(), &code));
+    EXPECT_EQ(code, EISDIR);
     std::string error;
     EXPECT_FALSE(writeFileAtomically(dir.str() + "/missing/file", "x", &error, &code));
     EXPECT_EQ(code, ENOENT);
@@ -52,16 +57,6 @@ TEST_F(AtomicFileTest, KeepOldTailLeavesTheOldBytesPastTheNewContent) {
     AtomicFileWriter fresh(dir.str() + "/new");
     ASSERT_TRUE(fresh.write("ab") && fresh.keepOldTail() && fresh.commit()) << fresh.error();  // nothing old: fine
     EXPECT_EQ(test::readFile(dir.str() + "/new"), "ab");
-}
-
-TEST_F(AtomicFileTest, ReadWholeFileFailsOnAMissingFileAndAFolder) {
-    int code = 0;
-    EXPECT_FALSE(readWholeFile(path, &code));
-    EXPECT_EQ(code, ENOENT);
-    EXPECT_FALSE(readWholeFile(dir.str(), &code));
-    EXPECT_EQ(code, EISDIR);
-    test::writeFile(path, std::string(200000, 'z'));  // more than one read
-    EXPECT_EQ(readWholeFile(path), std::string(200000, 'z'));
 }
 
 }  // namespace

@@ -29,33 +29,24 @@ TEST_F(SettingsTest, OnAFreshDeviceEveryQueryAnswersTrueAndStoresTrue) {
         EXPECT_FALSE(query());
     }
     // The servers do not start by themselves, and nothing is written for them.
-    EXPECT_FALSE(Helper::isWebServerAutoLaunch() || Helper::isWebDAVServerAutoLaunch());
-    EXPECT_FALSE(defaults->objectForKey(settings::kWebServerAutoLaunch) || defaults->objectForKey(settings::kWebDAVServerAutoLaunch));
+    EXPECT_FALSE(Helper::isWebServerAutoLaunch() || Helper::isWebDAVServerAutoLaunch() || defaults->objectForKey(settings::kWebDAVServerAutoLaunch));
     defaults->setBool(settings::kWebDAVServerAutoLaunch, true);
     EXPECT_TRUE(Helper::isWebDAVServerAutoLaunch());
 }
 
 TEST_F(SettingsTest, GlobalInitClearsFlagsSettingsBridgeAndEvents) {
     auto& global = Global::sharedInstance();
-    global.setIsPlaying(true), global.setIsRecording(true), global.setIsReadyToPlay(true);
-    global.setCurrentPlaySettings(std::make_shared<PlaySettings>());
-    global.setLuaBridge(std::make_shared<LuaBridge>());
-    global.eventArray().emplace_back(1);
+    global.setIsPlaying(true), global.setIsRecording(true), global.setIsReadyToPlay(true), global.eventArray().emplace_back(1);
+    global.setCurrentPlaySettings(std::make_shared<PlaySettings>()), global.setLuaBridge(std::make_shared<LuaBridge>());
     global.init();
-    EXPECT_FALSE(global.isPlaying() || global.isRecording() || global.isReadyToPlay());
-    EXPECT_FALSE(global.currentPlaySettings() || global.luaBridge());
+    EXPECT_FALSE(global.isPlaying() || global.isRecording() || global.isReadyToPlay() || global.currentPlaySettings() || global.luaBridge());
     EXPECT_TRUE(global.eventArray().empty());
 }
 
 TEST_F(SettingsTest, LanguageFollowsTheStoredChoiceOrTheFirstSystemLanguageExactly) {
     const char *english = "Recording Finished!", *japanese = "録画が終了しました！", *simplified = "录制完成！",
                *traditional = "錄製完成！";
-    struct Case {
-        const char* name;
-        int64_t setting;
-        std::vector<std::string> system;
-        const char* text;
-    } cases[] = {
+    const std::tuple<const char*, int64_t, std::vector<std::string>, const char*> cases[] = {  // name, setting, system, text
         {"0 and zh-Hant", 0, {"zh-Hant", "en"}, traditional}, {"0 and zh-Hans", 0, {"zh-Hans"}, simplified},
         {"0 and ja", 0, {"ja"}, japanese},                    {"0 and zh-HK: English", 0, {"zh-HK", "zh-Hant"}, english},
         {"0 and ja-JP: English", 0, {"ja-JP"}, english},      {"0 without system languages", 0, {}, english},
@@ -65,12 +56,10 @@ TEST_F(SettingsTest, LanguageFollowsTheStoredChoiceOrTheFirstSystemLanguageExact
     };
     auto device = std::make_shared<test::FakeDeviceInfo>();
     Platform::current().device = device;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        defaults->setInteger(settings::kLanguage, c.setting);
-        device->languages = c.system;
-        EXPECT_EQ(Localization::localize("Recording Finished!"), c.text);
-        EXPECT_EQ(Localization::localize("No such text"), "No such text");
+    for (const auto& [name, setting, system, text] : cases) {
+        defaults->setInteger(settings::kLanguage, setting);
+        device->languages = system;
+        EXPECT_EQ(Localization::localize("Recording Finished!") + "|" + Localization::localize("No such text"), text + std::string("|No such text")) << name;
     }
 }
 

@@ -8,11 +8,7 @@ namespace tw {
 namespace {
 
 TEST(Sha1Text, HashesAsManyUtf8BytesAsTheTextHasUtf16Units) {
-    struct Case {
-        const char* name;
-        std::string text;
-        const char* digest;  // of the bytes named in the case
-    } cases[] = {
+    const std::tuple<const char*, std::string, const char*> cases[] = {  // name, text, digest of the bytes named
         {"ASCII: all of it", "abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
         {"empty", "", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
         {"2-byte character: 1 of 2 bytes", "\xC3\xA9", "8bf7b464aaa2c2b536aa1d76a1297c19155f5603"},
@@ -22,7 +18,7 @@ TEST(Sha1Text, HashesAsManyUtf8BytesAsTheTextHasUtf16Units) {
         {"a, emoji, b: 4 of 6 bytes", "a\xF0\x9F\x98\x80" "b", "f96f2446b7cff12b2f7faaed17373ebb8513576c"},
         {"a lead byte without its continuation counts 1: all 3", "a\xC3(", "75ed1eec65c674a1e582c98e49bf454d2c46f246"},
     };
-    for (const auto& c : cases) EXPECT_EQ(Utils::sha1(c.text), c.digest) << c.name;
+    for (const auto& [name, text, digest] : cases) EXPECT_EQ(Utils::sha1(text), digest) << name;
 }
 
 using UtilsTest = test::EngineFixture;
@@ -30,14 +26,11 @@ using UtilsTest = test::EngineFixture;
 TEST_F(UtilsTest, ScreenSizeIsInPixelsWithTheLongerSideFirstInLandscape) {
     auto device = std::make_shared<test::FakeDeviceInfo>();
     Platform::current().device = device;
-    const struct {
-        int orientation;
-        double width, height, scale;
-        const char* text;
-    } cases[] = {{1, 375, 667, 2, "750x1334"}, {2, 414, 736, 3, "1242x2208"}, {3, 375, 667, 2, "1334x750"}, {4, 320, 568, 2, "1136x640"}};
-    for (const auto& c : cases) {
-        device->orientationValue = c.orientation, device->width = c.width, device->height = c.height, device->scale = c.scale;
-        EXPECT_EQ(Utils::getScreenSize(), c.text) << "orientation " << c.orientation;
+    const std::tuple<int, double, double, double, const char*> cases[] = {  // orientation, width, height, scale, text
+        {1, 375, 667, 2, "750x1334"}, {2, 414, 736, 3, "1242x2208"}, {3, 375, 667, 2, "1334x750"}, {4, 320, 568, 2, "1136x640"}};
+    for (const auto& [orientation, width, height, scale, text] : cases) {
+        std::tie(device->orientationValue, device->width, device->height, device->scale) = std::tie(orientation, width, height, scale);
+        EXPECT_EQ(Utils::getScreenSize(), text) << "orientation " << orientation;
     }
 }
 
