@@ -45,16 +45,8 @@ int do_find_image(std::vector<location_t>& results, const image_t& screen, const
             for (uint32_t ty = 0; ty < tmpl.height && !rejected; ++ty) {
                 for (uint32_t tx = 0; tx < tmpl.width; ++tx) {
                     const uint32_t t = color_at_location(tmpl, tx, ty);
-                    if (ignoreCount > 0) {
-                        bool skip = false;
-                        for (int32_t i = 0; i < ignoreCount; ++i) {
-                            if (t == static_cast<uint32_t>(ignoreColors[i])) {
-                                skip = true;
-                                break;
-                            }
-                        }
-                        if (skip) continue;
-                    }
+                    const int32_t* ignoreEnd = ignoreColors + std::max(ignoreCount, 0);
+                    if (std::find(ignoreColors, ignoreEnd, static_cast<int32_t>(t)) != ignoreEnd) continue;
                     if (t != color_at_location(screen, static_cast<coord_t>(X + tx), static_cast<coord_t>(Y + ty))) {
                         mismatches += 1;
                         if (mismatches > allowed) {
