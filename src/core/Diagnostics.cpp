@@ -5,14 +5,18 @@
 
 namespace tw {
 
-void diagnostic(const char* format, ...) {
+void writeStderrLine(const char* prefix, const char* format, va_list args) {
     char buffer[4096];
+    std::vsnprintf(buffer, sizeof buffer, format, args);
+    std::fprintf(stderr, "%s%s\n", prefix, buffer);
+    std::fflush(stderr);
+}
+
+void diagnostic(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    std::vsnprintf(buffer, sizeof buffer, format, args);
+    writeStderrLine("tapwright: ", format, args);
     va_end(args);
-    std::fprintf(stderr, "tapwright: %s\n", buffer);
-    std::fflush(stderr);
 }
 
 }  // namespace tw

@@ -2,6 +2,7 @@
 // The processes' own diagnostics and the failures that end a command. One line each, on standard
 // error, as "tapwright: <message>". This is not the error log the user reads in the library (that
 // is LogToFile); it is what a person starting the tools sees.
+#include <cstdarg>
 #include <stdexcept>
 #include <string>
 
@@ -9,6 +10,9 @@ namespace tw {
 
 // Writes "tapwright: <formatted message>\n" to standard error and flushes it.
 void diagnostic(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// Writes "<prefix><formatted message>\n" to standard error and flushes it: one whole line even
+// when other threads write lines of their own.
+void writeStderrLine(const char* prefix, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
 
 // A failure that ends a command: thrown by the command's code and the process wiring under it,
 // caught once by the CLI, which prints "tapwright: <what()>" and exits with status().

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "core/Diagnostics.h"
 #include "core/LogToFile.h"
 #include "platform/DeviceInfo.h"
 #include "platform/Display.h"
@@ -286,12 +287,10 @@ bool graphic_trace_enabled() {
 
 void graphic_trace(const char* format, ...) {
     if (!graphic_trace_enabled()) return;
-    char line[1024];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(line, sizeof line, format, args);
+    writeStderrLine("", format, args);
     va_end(args);
-    std::fprintf(stderr, "%s\n", line);
 }
 
 }  // namespace tw
