@@ -48,6 +48,33 @@ TEST_F(DialogFunctionsTest, AnswersComeBackByKeyRememberedOnesAreShownUntilClear
     EXPECT_EQ(shown(2), shown(0));
 }
 
+TEST_F(DialogFunctionsTest, TheNewerFormsButtonsGiveTheirFlagAndFillTheControlTablesOnlyWhenTheyCollect) {
+    auto play = std::make_shared<PlaySettings>();
+    play->filePath = addScript("buttons.lua",
+        "local input = {type = CONTROLLER_TYPE.INPUT, title = 'Name', key = 'name', value = 'bob'}\n"
+        "local switch = {type = CONTROLLER_TYPE.SWITCH, title = 'Loop', key = 'loop', value = 0}\n"
+        "for i = 1, 2 do\n"
+        "  local flag = dialog({input, switch, {type = CONTROLLER_TYPE.REMEMBER, on = true},\n"
+        "    {type = CONTROLLER_TYPE.BUTTON, title = 'Go', color = 0xFF0000, width = 0.5, flag = 7, collectInputs = true},\n"
+        "    {type = CONTROLLER_TYPE.BUTTON, title = 'Skip', flag = 9}}, {ORIENTATION_TYPE.LANDSCAPE_LEFT})\n"
+        "  log(flag .. ' ' .. input.value .. ' ' .. tostring(switch.value))\n"
+        "end\n");
+    ui->queueDialogResponse({false, false, {{"name", std::string("ann")}, {"loop", true}}, 0});
+    ui->queueDialogResponse({false, false, {{"name", std::string("zed")}, {"loop", false}}, 1});
+    ASSERT_TRUE(playToEnd(play));
+    EXPECT_TRUE(errors.empty());
+    // A switch given as 0/1 answers as 0/1; "Skip" leaves the tables as they were.
+    EXPECT_EQ(logMessages(), (std::vector<std::string>{"7 ann 1", "9 ann 1"}));
+    const auto dialogs = ui->dialogs();
+    ASSERT_EQ(dialogs.size(), 2u);
+    ASSERT_EQ(dialogs[0].buttons.size(), 2u);
+    const auto& go = dialogs[0].buttons[0];
+    EXPECT_EQ(std::tuple(go.title, go.color, go.width, go.flag, go.collectInputs), std::tuple("Go", 0xFF0000u, 0.5, 7, true));
+    EXPECT_TRUE(dialogs[0].remember);
+    EXPECT_EQ(dialogs[0].orientations, std::vector<int>{3});
+    EXPECT_EQ(dialogs[0].controls.size(), 2u);  // the remember switch and the buttons are not controls
+}
+
 TEST_F(DialogFunctionsTest, MalformedFormsRaiseTheDialogErrors) {
     const char* invalid = "Invalid argument for dialog.";
     const std::pair<const char*, const char*> cases[] = {
