@@ -63,12 +63,5 @@ TEST_F(SettingsTest, LanguageFollowsTheStoredChoiceOrTheFirstSystemLanguageExact
     }
 }
 
-TEST(StrEndsWith, ComparesTailsByteForByte) {
-    const std::tuple<const char*, const char*, bool> cases[] = {
-        {"a.lua", ".lua", true}, {"lua", ".lua", false}, {".lua", ".lua", true},   {"x", "", true},
-        {"", "", true},         {"a.LUA", ".lua", false}, {"x:3: interrupted", "interrupted", true}};
-    for (const auto& [text, suffix, ends] : cases) EXPECT_EQ(str_ends_with(text, suffix), ends) << text << " / " << suffix;
-}
-
 }  // namespace
 }  // namespace tw
