@@ -1,6 +1,5 @@
 // Property-list bytes as every reader of them goes on: parsed, walked (dictionary keys and values,
 // arrays, texts), written back out as XML and binary, and the binary form read again.
-#include <cstdlib>
 
 #include "FuzzSupport.h"
 #include "FuzzTarget.h"
@@ -14,24 +13,13 @@ size_t walk(plist_t node, size_t depth) {
     FUZZ_CHECK(depth <= kMaxPlistDepth + 1);
     size_t nodes = 1;
     switch (plist_get_node_type(node)) {
-        case PLIST_DICT: {
-            plist_dict_iter iter = nullptr;
-            plist_dict_new_iter(node, &iter);
-            for (;;) {
-                char* key = nullptr;
-                plist_t value = nullptr;
-                plist_dict_next_item(node, iter, &key, &value);
-                if (!value) {
-                    std::free(key);
-                    break;
-                }
+        case PLIST_DICT:
+            forEachPlistDictItem(node, [&](const char* key, plist_t value) {
                 if (key) FUZZ_CHECK(plist_dict_get_item(node, key) != nullptr);
-                std::free(key);
                 nodes += walk(value, depth + 1);
-            }
-            std::free(iter);
+                return true;
+            });
             break;
-        }
         case PLIST_ARRAY:
             for (uint32_t i = 0; i < plist_array_get_size(node); ++i) nodes += walk(plist_array_get_item(node, i), depth + 1);
             break;

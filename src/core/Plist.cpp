@@ -226,21 +226,10 @@ bool textsAreUtf8(plist_t node, size_t depth) {
             for (uint32_t i = 0; i < plist_array_get_size(node); ++i)
                 if (!textsAreUtf8(plist_array_get_item(node, i), depth + 1)) return false;
             return true;
-        case PLIST_DICT: {
-            plist_dict_iter iter = nullptr;
-            plist_dict_new_iter(node, &iter);
-            bool ok = iter != nullptr;
-            while (ok) {
-                char* key = nullptr;
-                plist_t value = nullptr;
-                plist_dict_next_item(node, iter, &key, &value);
-                if (value) ok = (!key || isValidUtf8(key)) && textsAreUtf8(value, depth + 1);
-                std::free(key);
-                if (!value) break;
-            }
-            std::free(iter);
-            return ok;
-        }
+        case PLIST_DICT:
+            return forEachPlistDictItem(node, [&](const char* key, plist_t value) {
+                return (!key || isValidUtf8(key)) && textsAreUtf8(value, depth + 1);
+            });
         default:
             return true;
     }
@@ -295,6 +284,23 @@ std::optional<std::string> plistString(plist_t node) {
     const char* text = plist_get_string_ptr(node, &length);
     if (!text) return std::nullopt;
     return std::string(text, static_cast<size_t>(length));
+}
+
+bool forEachPlistDictItem(plist_t dict, const std::function<bool(const char* key, plist_t value)>& visit) {
+    if (!isPlistDict(dict)) return false;
+    plist_dict_iter iter = nullptr;
+    plist_dict_new_iter(dict, &iter);
+    bool ok = iter != nullptr;
+    while (ok) {
+        char* key = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(dict, iter, &key, &value);
+        if (value) ok = visit(key, value);
+        std::free(key);
+        if (!value) break;
+    }
+    std::free(iter);
+    return ok;
 }
 
 std::optional<std::string> plistDictString(plist_t dict, const std::string& key) {

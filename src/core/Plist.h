@@ -5,6 +5,7 @@
 #include <plist/plist.h>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -46,6 +47,9 @@ std::optional<std::string> plistToBinary(plist_t node);
 
 // True when `node` is a dictionary.
 bool isPlistDict(plist_t node);
+// Calls `visit` with each key (null for a key libplist could not give) and value of the dictionary
+// `dict` in order, until it returns false; false when `dict` is no dictionary or `visit` stopped.
+bool forEachPlistDictItem(plist_t dict, const std::function<bool(const char* key, plist_t value)>& visit);
 // The text of a string node; nullopt for any other node.
 std::optional<std::string> plistString(plist_t node);
 // The text value of `key` in the dictionary `dict`; nullopt when `dict` is no dictionary or the

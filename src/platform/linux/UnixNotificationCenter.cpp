@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -115,22 +114,11 @@ std::optional<Notification> decodeNotification(const uint8_t* data, size_t size)
 
     plist_t info = plist_dict_get_item(root.get(), kUserInfoKey);
     if (!info) return note;
-    if (plist_get_node_type(info) != PLIST_DICT) return std::nullopt;
-    plist_dict_iter iter = nullptr;
-    plist_dict_new_iter(info, &iter);
-    if (!iter) return std::nullopt;
-    for (;;) {
-        char* key = nullptr;
-        plist_t value = nullptr;
-        plist_dict_next_item(info, iter, &key, &value);
-        if (!value) {
-            std::free(key);
-            break;
-        }
+    const bool read = forEachPlistDictItem(info, [&](const char* key, plist_t value) {
         if (key && plist_get_node_type(value) == PLIST_STRING) note.userInfo[key] = plistString(value).value_or("");
-        std::free(key);
-    }
-    std::free(iter);
+        return true;
+    });
+    if (!read) return std::nullopt;
     return note;
 }
 
