@@ -22,8 +22,8 @@ struct ScriptFunction {
 
 // Runs `F`; when a C++ exception leaves it, drops what it pushed and returns `failureResults` nils.
 // A stop requested before the call, or while it ran (a dialog's "Cancel", a stop during a long
-// usleep), ends the script here, as a hook on calls and returns would: the stop hook itself only
-// runs every kStopCheckInstructions instructions.
+// usleep), ends the script here, as a hook on calls and returns would, without waiting for the
+// interrupt that hooks a busy script.
 template <lua_CFunction F, int failureResults>
 int callSafely(lua_State* L) {
     auto stopRequested = [] { return luaStopFlag.load(std::memory_order_relaxed) == 1; };

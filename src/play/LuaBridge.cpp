@@ -16,8 +16,6 @@
 
 namespace tw {
 
-std::atomic<int> luaStopFlag{0};
-
 namespace {
 
 std::mutex registrarMutex;
@@ -28,18 +26,11 @@ constexpr uint64_t kLastSyncWaitMicroseconds = 16000;
 constexpr const char* kModulePathChunk = "package.path = package.path .. \";\" .. rootDir() .. \"?.lua\"";
 }  // namespace
 
-void lstop(lua_State* L, lua_Debug*) {
-    if (luaStopFlag.load(std::memory_order_relaxed) == 1) {
-        lua_sethook(L, nullptr, 0, 0);
-        luaL_error(L, "interrupted");
-    }
-}
-
 LuaBridge::~LuaBridge() {
     if (L) lua_close(L);
 }
 
-void LuaBridge::stopLuaRunning() { luaStopFlag.store(1, std::memory_order_relaxed); }
+void LuaBridge::stopLuaRunning() { requestScriptStop(); }
 
 void LuaBridge::setFunctionRegistrar(std::function<void(lua_State*)> registrar) {
     std::lock_guard lock(registrarMutex);
@@ -78,6 +69,7 @@ int loadScriptFile(lua_State* L, const std::string& hostPath) {
 void LuaBridge::prepareState() {
     L = luaL_newstate();
     luaL_openlibs(L);
+    installStopSupport(L);
     std::function<void(lua_State*)> registrar;
     {
         std::lock_guard lock(registrarMutex);
@@ -98,7 +90,6 @@ void LuaBridge::runLua(const std::string& scriptOrPath, int type) {
     if (!L) prepareState();
 
     setScaleScreen(scriptOrPath, type);
-    lua_sethook(L, lstop, LUA_MASKCOUNT, kStopCheckInstructions);
 
     int status = LUA_ERRRUN;
     bool ran = true;
@@ -109,7 +100,10 @@ void LuaBridge::runLua(const std::string& scriptOrPath, int type) {
     else
         ran = false;
     if (ran) {
-        if (status == LUA_OK) status = lua_pcall(L, 0, LUA_MULTRET, 0);
+        if (status == LUA_OK) {
+            ScriptStopScope stoppable(L);
+            status = lua_pcall(L, 0, LUA_MULTRET, 0);
+        }
         if (status != LUA_OK) processError();
         lua_settop(L, 0);
     }

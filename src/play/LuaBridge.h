@@ -1,11 +1,12 @@
 #pragma once
 // Owner of one Lua 5.2 state per play: prepares it (script functions, Extensions.lua, the module
-// path), runs a script in it, stops it through a debug hook and reports its errors.
+// path), runs a script in it, lets it be stopped and reports its errors.
 #include <atomic>
 #include <functional>
 #include <string>
 
 #include "platform/Lua.h"
+#include "play/StopSupport.h"
 
 namespace tw {
 
@@ -38,16 +39,5 @@ private:
 
     lua_State* L = nullptr;
 };
-
-// The process-wide stop flag: 1 asks the running script to stop; every run clears it.
-extern std::atomic<int> luaStopFlag;
-
-// A running script looks at the stop flag every this many VM instructions: a few microseconds of
-// work, so a stop still ends a busy script at once, while the check costs next to nothing (a hook
-// on every instruction, call and return would halve the speed of every script).
-inline constexpr int kStopCheckInstructions = 1000;
-
-// The debug hook installed for every run: raises "interrupted" once the stop flag is set.
-void lstop(lua_State* L, lua_Debug* ar);
 
 }  // namespace tw
