@@ -12,12 +12,14 @@ namespace {
 std::atomic<lua_State*> runningState{nullptr};
 static_assert(std::atomic<lua_State*>::is_always_lock_free);
 
+constexpr int kEveryStep = LUA_MASKCALL | LUA_MASKRET | LUA_MASKCOUNT;
+
 bool stopRequested() { return luaStopFlag.load(std::memory_order_relaxed) == 1; }
 
 void hookRunningState() {
     // lua_sethook may be called from a signal handler: it only stores the hook's fields.
     if (lua_State* L = runningState.load(std::memory_order_relaxed))
-        lua_sethook(L, lstop, LUA_MASKCALL | LUA_MASKRET | LUA_MASKCOUNT, 1);
+        lua_sethook(L, lstop, kEveryStep, 1);
 }
 
 // Resumes `co` with `narg` arguments from L's stack, as the base library does, with `co` marked
@@ -90,6 +92,8 @@ int coroutineWrap(lua_State* L) {
 
 void lstop(lua_State* L, lua_Debug*) {
     if (stopRequested()) {
+        // From now on at every instruction, so that the stop also lands outside any pcall.
+        lua_sethook(L, lstop, kEveryStep, 1);
         luaL_error(L, "interrupted");
         return;
     }
