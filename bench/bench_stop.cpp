@@ -4,7 +4,8 @@
 // prepared as the runner prepares it and run as it runs it (stoppable, nobody stopping it), with
 // a count hook that looks at the stop flag every kStopCheckInstructions instructions (the previous
 // arrangement, and the ThreadSanitizer build's), and with a hook on every call, return and
-// instruction (how plays ran first), so the ratios come from one run.
+// instruction (how plays ran first), so the ratios come from one run (run with
+// --benchmark_enable_random_interleaving=true: the order of the first cases otherwise skews them).
 //
 // Latency: a script is started on a worker thread as the runner starts it (the script functions,
 // the stop support), the stop is requested once the script is under way as a user's stop requests
