@@ -30,5 +30,6 @@ Command addHardwareCommand(CLI::App& app, CommonOptions& common);
 Command addScreenCommand(CLI::App& app, CommonOptions& common);
 Command addScreenshotCommand(CLI::App& app, CommonOptions& common);
 Command addLibraryCommand(CLI::App& app, CommonOptions& common);
+Command addRecordCommand(CLI::App& app, CommonOptions& common);
 
 }  // namespace tw::cli

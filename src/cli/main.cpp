@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
         tw::cli::addScreenCommand(app, common),
         tw::cli::addScreenshotCommand(app, common),
         tw::cli::addLibraryCommand(app, common),
+        tw::cli::addRecordCommand(app, common),
         tw::cli::addRoleCommand(app, common),
     };
 

@@ -19,6 +19,7 @@ void Global::init() {
     isRecording_ = false;
     isReadyToPlay_ = false;
     eventArray_.clear();
+    ioHIDEventSystem_.reset();
 }
 
 std::shared_ptr<PlaySettings> Global::currentPlaySettings() const {

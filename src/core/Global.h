@@ -10,6 +10,7 @@
 
 namespace tw {
 
+class HidEventClient;
 class LuaBridge;
 struct PlaySettings;
 
@@ -33,6 +34,9 @@ public:
     bool isReadyToPlay() const { return isReadyToPlay_.load(std::memory_order_relaxed); }
     void setIsReadyToPlay(bool v) { isReadyToPlay_.store(v, std::memory_order_relaxed); }
 
+    // The recorder's event-system client while a recording listens (main thread only).
+    std::shared_ptr<HidEventClient>& ioHIDEventSystem() { return ioHIDEventSystem_; }
+
     // The event list shared with the play controller (main thread only).
     std::vector<std::any>& eventArray() { return eventArray_; }
 
@@ -46,6 +50,7 @@ private:
     std::atomic<bool> isRecording_{false};
     std::atomic<bool> isReadyToPlay_{false};
     std::vector<std::any> eventArray_;
+    std::shared_ptr<HidEventClient> ioHIDEventSystem_;
 };
 
 }  // namespace tw

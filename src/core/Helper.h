@@ -1,5 +1,6 @@
 #pragma once
 // On/off settings with their defaults, and small shared helpers.
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,10 @@ public:
     static bool isWebServerAutoLaunch();
     static bool isWebDAVServerAutoLaunch();
 };
+
+// "yyyy-MM-dd HH:mm:ss" in the device's time zone: the names of screenshots and recordings and the
+// library's creation times.
+std::string localDateTimeText(std::time_t time);
 
 // True when `str` ends with `suffix` byte for byte; an empty suffix always matches.
 bool str_ends_with(std::string_view str, std::string_view suffix);

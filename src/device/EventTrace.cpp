@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
@@ -42,7 +43,7 @@ std::string traceLine(const hid::HidEvent& event) {
     switch (event.type) {
         case hid::kEventTypeDigitizer: {
             line["kind"] = "digitizer";
-            line["time"] = event.timestamp;
+            line["time"] = hid::nanosecondsFromTicks(event.timestamp);
             line["sender"] = hex16(event.senderId);
             line["builtIn"] = event.integerValue(hid::kFieldIsBuiltIn);
             line["displayIntegrated"] = event.integerValue(hid::kFieldDigitizerIsDisplayIntegrated);
@@ -58,7 +59,7 @@ std::string traceLine(const hid::HidEvent& event) {
         }
         case hid::kEventTypeKeyboard:
             line["kind"] = "keyboard";
-            line["time"] = event.timestamp;
+            line["time"] = hid::nanosecondsFromTicks(event.timestamp);
             line["sender"] = hex16(event.senderId);
             line["usagePage"] = event.integerValue(hid::kFieldKeyboardUsagePage);
             line["usage"] = event.integerValue(hid::kFieldKeyboardUsage);
@@ -67,17 +68,74 @@ std::string traceLine(const hid::HidEvent& event) {
         default:
             line["kind"] = "other";
             line["type"] = event.type;
-            line["time"] = event.timestamp;
+            line["time"] = hid::nanosecondsFromTicks(event.timestamp);
             break;
     }
     if (event.hardware) line["hardware"] = true;
     return dumpLine(line);
 }
 
+namespace {
+
+uint64_t senderFromHex(const std::string& text) {
+    uint64_t value = 0;
+    if (text.size() > 2 && text.starts_with("0x")) std::from_chars(text.data() + 2, text.data() + text.size(), value, 16);
+    return value;
+}
+
+void readDigitizerFields(const nlohmann::json& from, hid::HidEvent& to) {
+    to.setIntegerValue(hid::kFieldDigitizerEventMask, from.value("mask", int64_t{0}));
+    to.setIntegerValue(hid::kFieldDigitizerRange, from.value("range", int64_t{0}));
+    to.setIntegerValue(hid::kFieldDigitizerTouch, from.value("touch", int64_t{0}));
+    to.setFloatValue(hid::kFieldDigitizerX, from.value("x", 0.0));
+    to.setFloatValue(hid::kFieldDigitizerY, from.value("y", 0.0));
+}
+
+}  // namespace
+
+std::optional<hid::HidEvent> eventFromTraceLine(std::string_view line) {
+    const auto json = nlohmann::json::parse(line.begin(), line.end(), nullptr, false);
+    if (!json.is_object()) return std::nullopt;
+    try {
+        const std::string kind = json.value("kind", "");
+        hid::HidEvent event;
+        event.timestamp = hid::ticksFromNanoseconds(json.value("time", uint64_t{0}));
+        event.senderId = senderFromHex(json.value("sender", ""));
+        event.hardware = json.value("hardware", false);
+        if (kind == "digitizer") {
+            event.type = hid::kEventTypeDigitizer;
+            event.setIntegerValue(hid::kFieldIsBuiltIn, json.value("builtIn", int64_t{0}));
+            event.setIntegerValue(hid::kFieldDigitizerIsDisplayIntegrated, json.value("displayIntegrated", int64_t{0}));
+            readDigitizerFields(json, event);
+            for (const auto& entry : json.value("children", nlohmann::json::array())) {
+                hid::HidEvent child;
+                child.type = hid::kEventTypeDigitizer;
+                child.timestamp = event.timestamp;
+                child.setIntegerValue(hid::kFieldDigitizerIndex, entry.value("index", int64_t{0}));
+                child.setIntegerValue(hid::kFieldDigitizerIdentity, entry.value("identity", int64_t{0}));
+                readDigitizerFields(entry, child);
+                event.appendEvent(std::move(child));
+            }
+        } else if (kind == "keyboard") {
+            event.type = hid::kEventTypeKeyboard;
+            event.setIntegerValue(hid::kFieldKeyboardUsagePage, json.value("usagePage", int64_t{0}));
+            event.setIntegerValue(hid::kFieldKeyboardUsage, json.value("usage", int64_t{0}));
+            event.setIntegerValue(hid::kFieldKeyboardDown, json.value("down", int64_t{0}));
+        } else if (kind == "other") {
+            event.type = json.value("type", uint32_t{0});
+        } else {
+            return std::nullopt;
+        }
+        return event;
+    } catch (const nlohmann::json::exception&) {
+        return std::nullopt;  // a field of the wrong type
+    }
+}
+
 ordered_json newTraceLine(const char* kind) {
     ordered_json line = ordered_json::object();
     line["kind"] = kind;
-    line["time"] = hid::absoluteTime();
+    line["time"] = hid::nanosecondsFromTicks(hid::absoluteTime());
     return line;
 }
 

@@ -2,7 +2,9 @@
 // The event trace: every event the virtual device's input system delivers, as one JSON object per
 // line. Several processes append to the same trace file (the input-event role writes the events,
 // app roles their "text" lines through the hub), so each line goes out in a single append.
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -19,6 +21,10 @@ namespace tw::device {
 // followed by "hardware":true for events that came through the hardware input. The sender is
 // "0x" and 16 upper-case hex digits; x and y are written with full double precision.
 std::string traceLine(const hid::HidEvent& event);
+
+// The event of a digitizer, keyboard or other line, as traceLine wrote it (the timestamp back in
+// ticks, exactly); nothing for the other kinds of line or for a line that is not one of these.
+std::optional<hid::HidEvent> eventFromTraceLine(std::string_view line);
 
 // Every other line of the trace starts as {"kind":K,"time":T}, T being now on the clock of the
 // events' timestamps (nanoseconds of the monotonic clock), so that all lines can be ordered and

@@ -1,5 +1,7 @@
 #include "device/HidHubClient.h"
 
+#include <thread>
+
 #include "device/VirtualHidSystem.h"
 
 namespace tw::device {
@@ -22,6 +24,17 @@ bool HidHubClient::publish(const std::string& jsonObjectLine) {
 bool sendHardwareInput(const std::string& runDir, const std::string& jsonLine) {
     auto client = linuxp::LineClient::connect(hardwareSocketPath(runDir), nullptr);
     return client && client->sendLine(jsonLine);
+}
+
+bool sendHardwareInput(const std::string& runDir, const std::vector<TimedHardwareLine>& lines) {
+    auto client = linuxp::LineClient::connect(hardwareSocketPath(runDir), nullptr);
+    if (!client) return false;
+    const auto start = std::chrono::steady_clock::now();
+    for (const auto& line : lines) {
+        std::this_thread::sleep_until(start + line.at);
+        if (!client->sendLine(line.jsonLine)) return false;
+    }
+    return true;
 }
 
 HubTracePublisher::HubTracePublisher(std::string runDir) : runDir_(std::move(runDir)) {}

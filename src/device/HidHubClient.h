@@ -2,10 +2,12 @@
 // A client of a running device's HID hub (see VirtualHidSystem.h), for other processes: the
 // `tapwright events` command, app roles publishing their trace lines, a play that writes the trace
 // of a device it does not own. Blocking; not thread-safe.
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/linux/LineClient.h"
 
@@ -54,5 +56,14 @@ private:
 // Sends one JSON line of hardware input (a person's finger or button, see VirtualHidSystem.h) to
 // the device whose run folder is `runDir`. False when no device listens there.
 bool sendHardwareInput(const std::string& runDir, const std::string& jsonLine);
+
+// A line of hardware input and when to send it, counted from the first line's sending.
+struct TimedHardwareLine {
+    std::chrono::microseconds at{0};
+    std::string jsonLine;
+};
+// Sends the lines in order over one connection, each at its time, as a person's hand would make
+// them. False when no device listens there or it went away.
+bool sendHardwareInput(const std::string& runDir, const std::vector<TimedHardwareLine>& lines);
 
 }  // namespace tw::device

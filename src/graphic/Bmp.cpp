@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/AtomicFile.h"
+#include "core/Helper.h"
 #include "core/Paths.h"
 #include "platform/Platform.h"
 #include "platform/UserInterface.h"
@@ -214,12 +215,7 @@ int screenshot(const char* path, const region_t* region) {
 
 std::optional<std::string> take_current_screenshot() {
     if (const auto sounds = Platform::current().sounds) sounds->playSystemSound(kScreenshotSound);
-    const std::time_t now = std::time(nullptr);
-    std::tm local{};
-    localtime_r(&now, &local);
-    char stamp[64];
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-    const std::string name = std::string("/") + stamp + ".bmp";
+    const std::string name = "/" + localDateTimeText(std::time(nullptr)) + ".bmp";
     const std::string path = Paths::scriptsDir() + name;
     if (screenshot(path.c_str(), nullptr) != 1) return std::nullopt;
     return name;

@@ -18,6 +18,7 @@
 #include "core/AtomicFile.h"
 #include "core/LogToFile.h"
 #include "core/Plist.h"
+#include "core/Helper.h"
 #include "core/Paths.h"
 #include "library/Utils.h"
 #include "platform/ExtendedAttributes.h"
@@ -334,12 +335,7 @@ std::optional<std::string> FileManager::fileMIMEType(const std::string& fileName
 }
 
 std::string FileManager::fileCreateTime(const FileAttributes& attributes) {
-    const std::time_t t = std::chrono::system_clock::to_time_t(attributes.creationDate);
-    std::tm local{};
-    localtime_r(&t, &local);
-    char buffer[32];
-    std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S", &local);
-    return buffer;
+    return localDateTimeText(std::chrono::system_clock::to_time_t(attributes.creationDate));
 }
 
 std::string FileManager::fileSize(const FileAttributes& attributes) {

@@ -78,9 +78,16 @@ HidEvent createKeyboardEvent(uint64_t timestamp, uint32_t usagePage, uint32_t us
     return e;
 }
 
+uint64_t nanosecondsFromTicks(uint64_t ticks) {
+    // 1000 / 24 = 125 / 3 nanoseconds a tick.
+    return (ticks * 125 + 1) / 3;
+}
+
+uint64_t ticksFromNanoseconds(uint64_t nanoseconds) { return (nanoseconds * 3 + 62) / 125; }
+
 uint64_t absoluteTime() {
-    return static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return ticksFromNanoseconds(static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()));
 }
 
 }  // namespace tw::hid

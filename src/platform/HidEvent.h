@@ -46,7 +46,7 @@ inline constexpr uint32_t kConnectionTypeSystem = 3;
 
 struct HidEvent {
     uint32_t type = 0;
-    uint64_t timestamp = 0;  // nanoseconds of a monotonic clock
+    uint64_t timestamp = 0;  // ticks of the absolute clock (kAbsoluteTicksPerMicrosecond)
     uint64_t senderId = 0;
     std::map<uint32_t, int64_t> integerFields;
     std::map<uint32_t, double> floatFields;
@@ -75,7 +75,14 @@ HidEvent createDisplayHandEvent(uint64_t timestamp, uint64_t senderId);
 
 HidEvent createKeyboardEvent(uint64_t timestamp, uint32_t usagePage, uint32_t usage, bool down, uint32_t options);
 
-// Monotonic time in nanoseconds, the timestamp of every event made now.
+// The absolute clock of event timestamps counts 24 ticks per microsecond, as the phone's does.
+inline constexpr uint64_t kAbsoluteTicksPerMicrosecond = 24;
+
+// Monotonic time in ticks of the absolute clock, the timestamp of every event made now.
 uint64_t absoluteTime();
+// Ticks and nanoseconds of the same monotonic clock, each rounded to the nearest, so that a tick
+// count survives the trip through nanoseconds and back.
+uint64_t nanosecondsFromTicks(uint64_t ticks);
+uint64_t ticksFromNanoseconds(uint64_t nanoseconds);
 
 }  // namespace tw::hid

@@ -3,6 +3,7 @@
 // own display client among them) and its subscribers.
 #include <cstdint>
 #include <functional>
+#include <memory>
 
 #include "platform/HidEvent.h"
 
@@ -22,6 +23,25 @@ public:
 
     // Tells the system a user event happened (resets the idle timer).
     virtual void userEventOccurred() = 0;
+};
+
+// A client of the event system that hears every event the system delivers (the recorder's).
+class HidEventClient {
+public:
+    using EventCallback = std::function<void(const hid::HidEvent& event)>;
+    virtual ~HidEventClient() = default;
+
+    // Schedules the client on the main run loop and registers `callback`: from then on every
+    // delivered event is handed to it there, in delivery order.
+    virtual void registerEventCallback(EventCallback callback) = 0;
+    // Unregisters the callback and unschedules the client; no call follows.
+    virtual void unregisterEventCallback() = 0;
+};
+
+class HidEventClientFactory {
+public:
+    virtual ~HidEventClientFactory() = default;
+    virtual std::shared_ptr<HidEventClient> createClient() = 0;
 };
 
 }  // namespace tw

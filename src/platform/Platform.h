@@ -11,6 +11,7 @@ class BundleInfo;
 class DeviceInfo;
 class Display;
 class DistributedNotificationCenter;
+class HidEventClientFactory;
 class HidEventSystem;
 class MessagePortService;
 class Pasteboard;
@@ -36,6 +37,8 @@ struct Platform {
     std::shared_ptr<DistributedNotificationCenter> notifications;
     // The device's input system; present in the input-event role only.
     std::shared_ptr<HidEventSystem> hidSystem;
+    // Makes clients that hear every event the device's input system delivers (the recorder's).
+    std::shared_ptr<HidEventClientFactory> hidClients;
     std::shared_ptr<Display> display;
 
     static Platform& current();

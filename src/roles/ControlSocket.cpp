@@ -1,8 +1,12 @@
 #include "roles/ControlSocket.h"
 
 #include "core/Diagnostics.h"
+#include "core/Global.h"
+#include "core/Paths.h"
 #include "graphic/Bmp.h"
 #include "platform/linux/LineClient.h"
+#include "play/PivotManager.h"
+#include "recording/Recorder.h"
 #include "roles/DeviceAccess.h"
 
 namespace tw::roles {
@@ -20,6 +24,23 @@ nlohmann::json ControlSocket::handle(const nlohmann::json& request) {
     if (action == "screenshot") {
         if (const auto path = take_current_screenshot()) return {{"ok", true}, {"path", *path}};
         return {{"ok", false}, {"error", "the screen could not be saved"}};
+    }
+    if (action == "record") {
+        // What the control panel's record button and the stop of a recording do.
+        const auto start = request.find("start");
+        if (start == request.end() || !start->is_boolean())
+            return {{"ok", false}, {"error", "\"record\" needs \"start\": true or false"}};
+        auto& global = Global::sharedInstance();
+        if (start->get<bool>()) {
+            if (global.isRecording()) return {{"ok", false}, {"error", "a recording is already running"}};
+            if (global.isPlaying()) return {{"ok", false}, {"error", "a script is playing"}};
+            PivotManager::sharedInstance().controlPanelViewDidClickOnRecord();
+            return {{"ok", true}, {"path", Paths::devicePath(recordingScriptPath())}};
+        }
+        if (!global.isRecording()) return {{"ok", false}, {"error", "no recording is running"}};
+        const std::string path = Paths::devicePath(recordingScriptPath());
+        PivotManager::sharedInstance().stopRecording();
+        return {{"ok", true}, {"path", path}};
     }
     return {{"ok", false}, {"error", "unknown action \"" + action + "\""}};
 }

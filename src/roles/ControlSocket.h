@@ -4,6 +4,8 @@
 // application sends; on Linux such actions reach the home screen here, at "<root>/run/control", one
 // JSON object per line each way:
 //   {"action":"screenshot"}  ->  {"ok":true,"path":"/2026-11-23 10:20:30.bmp"} (a library path)
+//   {"action":"record","start":true}   ->  {"ok":true,"path":"/var/mobile/.../2026-11-23 10:20:30.lua"}
+//   {"action":"record","start":false}  ->  {"ok":true,"path":...} (the file just finished)
 //   anything else            ->  {"ok":false,"error":"<what is wrong>"}
 #include <memory>
 #include <string>

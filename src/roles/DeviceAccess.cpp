@@ -111,10 +111,9 @@ void startTraceFile(const std::string& path) {
     if (!out) fail("cannot write the trace file " + path);
 }
 
-void sendHardwareInput(const std::string& root, const std::vector<std::string>& jsonLines) {
-    for (const auto& line : jsonLines)
-        if (!device::sendHardwareInput(runDirOf(root), line))
-            fail("no device runs on " + root + " (start one with `tapwright device`)");
+void sendHardwareInput(const std::string& root, const std::vector<device::TimedHardwareLine>& lines) {
+    if (!device::sendHardwareInput(runDirOf(root), lines))
+        fail("no device runs on " + root + " (start one with `tapwright device`)");
 }
 
 void followEvents(const std::string& root, const std::function<bool()>& stopRequested,

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "device/HidHubClient.h"
 #include "device/ImageFile.h"
 #include "platform/linux/ProfileDeviceInfo.h"
 
@@ -52,7 +53,7 @@ void showPicture(const std::string& root, const device::Picture& picture);
 void startTraceFile(const std::string& path);
 
 // Sends hardware input lines to the device on `root`; throws a Failure when no device runs there.
-void sendHardwareInput(const std::string& root, const std::vector<std::string>& jsonLines);
+void sendHardwareInput(const std::string& root, const std::vector<device::TimedHardwareLine>& lines);
 
 // Hands every event line the device on `root` dispatches to `onLine` until `stopRequested` says
 // so. Throws a Failure when no device runs there or when it goes away.

@@ -13,6 +13,7 @@
 #include "device/DeviceSpeaker.h"
 #include "device/DeviceUserInterface.h"
 #include "device/HidHubClient.h"
+#include "device/HubEventClient.h"
 #include "device/VirtualDisplay.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxPlatform.h"
@@ -88,6 +89,7 @@ std::shared_ptr<linuxp::AsioRunLoop> installProcess(const ProcessSetup& setup) {
         std::string bundleError;
         if (!device::writeAppBundles(Paths::root(), setup.profile, &bundleError)) diagnostic("%s", bundleError.c_str());
         LuaBridge::setFunctionRegistrar(registerFunctions);
+        platform.hidClients = std::make_shared<device::HubEventClients>(loop, Paths::runDir());
     }
     Platform::install(std::move(platform));
     return loop;

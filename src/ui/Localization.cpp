@@ -44,6 +44,8 @@ std::string Localization::localize(const std::string& key, Language language) {
         {"OK", {"OK", "好", "好"}},
         {"Cancel", {"キャンセル", "取消", "取消"}},
         {"Playing Finished!", {"再生が終了しました！", "播放完成！", "播放完成！"}},
+        {"Error", {"エラー", "错误", "錯誤"}},
+        {"Create script failed.Info:", {"スクリプトの作成に失敗しました。情報：", "创建脚本失败。信息：", "建立腳本失敗。資訊："}},
         {"Recording Finished!", {"録画が終了しました！", "录制完成！", "錄製完成！"}},
     };
     if (language == Language::English) return key;

@@ -16,6 +16,7 @@
 #include "platform/BundleInfo.h"
 #include "platform/Clock.h"
 #include "platform/DeviceInfo.h"
+#include "platform/HidEventSystem.h"
 #include "platform/Pasteboard.h"
 #include "platform/Platform.h"
 #include "ui/HeadlessUserInterface.h"
@@ -125,6 +126,34 @@ public:
         return it->second;
     }
     std::map<std::string, std::string> values;  // "<bundle id>/<key>" -> value
+};
+
+// Event-system clients whose events the test delivers by hand: deliver() calls the callback of
+// the client registered now, if any. Counts the clients made and unregistered.
+class FakeHidEventClients : public HidEventClientFactory {
+public:
+    class Client : public HidEventClient {
+    public:
+        explicit Client(FakeHidEventClients& owner) : owner_(owner) {}
+        void registerEventCallback(EventCallback callback) override { owner_.callback = std::move(callback); }
+        void unregisterEventCallback() override {
+            owner_.callback = nullptr;
+            ++owner_.unregistered;
+        }
+
+    private:
+        FakeHidEventClients& owner_;
+    };
+    std::shared_ptr<HidEventClient> createClient() override {
+        ++made;
+        return std::make_shared<Client>(*this);
+    }
+    void deliver(const hid::HidEvent& event) {
+        if (callback) callback(event);
+    }
+
+    HidEventClient::EventCallback callback;
+    int made = 0, unregistered = 0;
 };
 
 // Device facts a test sets field by field; the defaults are those of a 375 x 667 phone at scale 2
