@@ -16,6 +16,16 @@ public:
         : inner_(std::move(inner)), publish_(std::move(publish)) {}
 
     void showAlert(const AlertRequest& alert) override { inner_->showAlert(alert); }
+    void showAlert(const AlertRequest& alert, AlertDelegate delegate) override { inner_->showAlert(alert, std::move(delegate)); }
+    void showControlPanel(const std::vector<ControlPanelScript>& scripts, ControlPanelDelegate delegate) override {
+        inner_->showControlPanel(scripts, std::move(delegate));
+    }
+    void showPlaySettingsView(const PlaySettingsSheet& sheet, PlaySettingsViewDelegate delegate) override {
+        inner_->showPlaySettingsView(sheet, std::move(delegate));
+    }
+    void showTextPrompt(const TextPromptRequest& request, TextPromptDelegate delegate) override {
+        inner_->showTextPrompt(request, std::move(delegate));
+    }
     DialogResponse showDialog(const DialogRequest& request) override { return inner_->showDialog(request); }
     void showToast(const ToastRequest& toast) override;
 

@@ -1,6 +1,7 @@
 #pragma once
 // What the engine shows to the user and the sounds it plays. Calls come on the main run loop.
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -63,11 +64,79 @@ struct ToastRequest {
     std::string position = "bottom";  // "top", "center" or "bottom"
 };
 
+// What an alert with a delegate reports: that it is on screen, the button clicked and the button
+// it went away with (indexes into the request's buttons; 0 is the first, the cancel button).
+struct AlertDelegate {
+    std::function<void()> didPresent;
+    std::function<void(int buttonIndex)> clickedButtonAtIndex;
+    std::function<void(int buttonIndex)> didDismissWithButtonIndex;
+};
+
+// A script of the control panel's list, with the marks it shows beside the name.
+struct ControlPanelScript {
+    std::string path;  // library path, "/name.lua"
+    bool hasTrigger = false;
+    bool hasPlaySettings = false;
+    bool hasTimer = false;
+};
+
+struct ControlPanelDelegate {
+    std::function<void()> didClickOnRecord;
+    std::function<void(const std::string& path)> didSelectScript;
+    std::function<void()> didClickOnScreenshot;
+    std::function<void()> didDismiss;  // after any of the above, or when closed
+};
+
+// The play settings sheet: what it shows, and what the user confirmed.
+struct PlaySettingsSheet {
+    std::string filePath;
+    int64_t repeatTime = 1;
+    int64_t repeatInterval = 1;
+    double playSpeed = 1.0;
+    bool playDirectly = false;
+    int32_t playNowOrLater = 0;  // 0 play now, 1 play later (ready to play)
+};
+
+struct PlaySettingsViewDelegate {
+    std::function<void(const PlaySettingsSheet& chosen)> didConfirmToPlay;
+    std::function<void()> didDismiss;
+};
+
+// An alert with one text field.
+struct TextPromptRequest {
+    std::string title;
+    std::string message;
+    std::vector<std::string> buttons;  // the cancel button first
+};
+
+struct TextPromptDelegate {
+    std::function<void(int buttonIndex, const std::string& text)> clickedButtonAtIndex;
+    std::function<void()> didDismiss;
+};
+
 class UserInterface {
 public:
     virtual ~UserInterface() = default;
     // Shows an alert without a delegate: nothing waits for the button.
     virtual void showAlert(const AlertRequest& alert) = 0;
+    // The views below report through their delegates on the main run loop. An interface that
+    // cannot ask anybody shows what it can and dismisses each at once, as its cancel button would.
+    virtual void showAlert(const AlertRequest& alert, AlertDelegate delegate) {
+        showAlert(alert);
+        if (delegate.didPresent) delegate.didPresent();
+        if (delegate.clickedButtonAtIndex) delegate.clickedButtonAtIndex(0);
+        if (delegate.didDismissWithButtonIndex) delegate.didDismissWithButtonIndex(0);
+    }
+    virtual void showControlPanel(const std::vector<ControlPanelScript>&, ControlPanelDelegate delegate) {
+        if (delegate.didDismiss) delegate.didDismiss();
+    }
+    virtual void showPlaySettingsView(const PlaySettingsSheet&, PlaySettingsViewDelegate delegate) {
+        if (delegate.didDismiss) delegate.didDismiss();
+    }
+    virtual void showTextPrompt(const TextPromptRequest&, TextPromptDelegate delegate) {
+        if (delegate.clickedButtonAtIndex) delegate.clickedButtonAtIndex(0, "");
+        if (delegate.didDismiss) delegate.didDismiss();
+    }
     // Shows a form with "Cancel" and "Confirm" and waits for the user. Called on the main run
     // loop; an interface that cannot ask anybody answers as "Cancel" would.
     virtual DialogResponse showDialog(const DialogRequest& request) = 0;

@@ -3,6 +3,8 @@
 // to show, for tests and for processes without a screen.
 #include <deque>
 #include <mutex>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include "platform/UserInterface.h"
@@ -15,6 +17,18 @@ public:
     // Answers from the queue, first in first out; "Cancel" once it is empty.
     DialogResponse showDialog(const DialogRequest& request) override;
     void showToast(const ToastRequest& toast) override;
+    // The views with delegates stay "on screen" until the test acts through take...(); an alert
+    // with a delegate is also in alerts().
+    void showAlert(const AlertRequest& alert, AlertDelegate delegate) override;
+    void showControlPanel(const std::vector<ControlPanelScript>& scripts, ControlPanelDelegate delegate) override;
+    void showPlaySettingsView(const PlaySettingsSheet& sheet, PlaySettingsViewDelegate delegate) override;
+    void showTextPrompt(const TextPromptRequest& request, TextPromptDelegate delegate) override;
+
+    // What is on screen now, taken off it: the caller acts on the delegate as the user would.
+    std::optional<AlertDelegate> takeAlert();
+    std::optional<std::pair<std::vector<ControlPanelScript>, ControlPanelDelegate>> takeControlPanel();
+    std::optional<std::pair<PlaySettingsSheet, PlaySettingsViewDelegate>> takePlaySettingsView();
+    std::optional<std::pair<TextPromptRequest, TextPromptDelegate>> takeTextPrompt();
 
     std::vector<AlertRequest> alerts() const;
     std::vector<ToastRequest> toasts() const;
@@ -28,6 +42,10 @@ private:
     std::vector<DialogRequest> dialogs_;
     std::vector<ToastRequest> toasts_;
     std::deque<DialogResponse> responses_;
+    std::optional<AlertDelegate> alert_;
+    std::optional<std::pair<std::vector<ControlPanelScript>, ControlPanelDelegate>> panel_;
+    std::optional<std::pair<PlaySettingsSheet, PlaySettingsViewDelegate>> sheet_;
+    std::optional<std::pair<TextPromptRequest, TextPromptDelegate>> prompt_;
 };
 
 class RecordingSoundService : public SoundService {
