@@ -20,6 +20,8 @@
 #include "platform/linux/UnixMessagePorts.h"
 #include "play/LuaBridge.h"
 #include "roles/RoleSelection.h"
+#include "library/FileManager.h"
+#include "schedule/TimerManager.h"
 
 namespace fs = std::filesystem;
 
@@ -88,6 +90,7 @@ std::shared_ptr<linuxp::AsioRunLoop> installProcess(const ProcessSetup& setup) {
         std::string bundleError;
         if (!device::writeAppBundles(Paths::root(), setup.profile, &bundleError)) diagnostic("%s", bundleError.c_str());
         LuaBridge::setFunctionRegistrar(registerFunctions);
+        FileManager::setTimersReader(TimerManager::archivedScriptPaths);
     }
     Platform::install(std::move(platform));
     return loop;
