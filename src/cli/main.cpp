@@ -26,6 +26,9 @@ int main(int argc, char** argv) {
         tw::cli::addScreenCommand(app, common),
         tw::cli::addScreenshotCommand(app, common),
         tw::cli::addLibraryCommand(app, common),
+        tw::cli::addTimerCommand(app, common),
+        tw::cli::addTimersCommand(app, common),
+        tw::cli::addSettingsCommand(app, common),
         tw::cli::addRoleCommand(app, common),
     };
 
