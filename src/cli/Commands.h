@@ -31,5 +31,8 @@ Command addScreenCommand(CLI::App& app, CommonOptions& common);
 Command addScreenshotCommand(CLI::App& app, CommonOptions& common);
 Command addLibraryCommand(CLI::App& app, CommonOptions& common);
 Command addRecordCommand(CLI::App& app, CommonOptions& common);
+Command addTimerCommand(CLI::App& app, CommonOptions& common);
+Command addTimersCommand(CLI::App& app, CommonOptions& common);
+Command addSettingsCommand(CLI::App& app, CommonOptions& common);
 
 }  // namespace tw::cli

@@ -8,6 +8,7 @@
 #include "core/Diagnostics.h"
 #include "core/Paths.h"
 #include "library/FileManager.h"
+#include "schedule/TimerManager.h"
 #include "store/DataManager.h"
 
 namespace tw::cli {
@@ -28,6 +29,7 @@ void openLibrary(const CommonOptions& common) {
     Paths::setRoot(deviceRoot(common));
     if (!FileManager::prepareDirectories()) fail("cannot create the library folders under " + Paths::root());
     DataManager::initDb();
+    FileManager::setTimersReader(TimerManager::archivedScriptPaths);
 }
 
 // The library path for what the user typed, or "" when it does not name an entry of the library:

@@ -27,6 +27,9 @@ int main(int argc, char** argv) {
         tw::cli::addScreenshotCommand(app, common),
         tw::cli::addLibraryCommand(app, common),
         tw::cli::addRecordCommand(app, common),
+        tw::cli::addTimerCommand(app, common),
+        tw::cli::addTimersCommand(app, common),
+        tw::cli::addSettingsCommand(app, common),
         tw::cli::addRoleCommand(app, common),
     };
 

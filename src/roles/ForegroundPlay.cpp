@@ -24,6 +24,7 @@
 #include "platform/UserDefaults.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "play/ScriptManager.h"
+#include "roles/CommandsPort.h"
 #include "roles/DeviceAccess.h"
 #include "roles/ProcessWiring.h"
 #include "roles/RoleSelection.h"
@@ -202,6 +203,9 @@ int playScript(const PlayRequest& options) {
     if (!FileManager::prepareDirectories()) fail("cannot create the library folders under " + setup.root);
     DataManager::initDb();
     auto settings = playSettingsFor(resolveScript(options.script), options);
+    // This home screen takes the commands port for the length of the play, unless the device's
+    // own home screen has it.
+    auto commands = openCommandsPort(*Platform::current().ports, *loop);
 
     std::mutex errorMutex;
     std::string scriptError;
@@ -249,6 +253,7 @@ int playScript(const PlayRequest& options) {
     loop->run();
     signals.cancel();
     if (reaper) reaper->invalidate();
+    if (commands) commands->invalidate();
     ScriptManager::stopPlaying();
     ScriptManager::waitForWorkers();
     ScriptManager::setErrorHandler(nullptr);

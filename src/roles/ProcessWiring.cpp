@@ -21,6 +21,8 @@
 #include "platform/linux/UnixMessagePorts.h"
 #include "play/LuaBridge.h"
 #include "roles/RoleSelection.h"
+#include "library/FileManager.h"
+#include "schedule/TimerManager.h"
 
 namespace fs = std::filesystem;
 
@@ -90,6 +92,7 @@ std::shared_ptr<linuxp::AsioRunLoop> installProcess(const ProcessSetup& setup) {
         if (!device::writeAppBundles(Paths::root(), setup.profile, &bundleError)) diagnostic("%s", bundleError.c_str());
         LuaBridge::setFunctionRegistrar(registerFunctions);
         platform.hidClients = std::make_shared<device::HubEventClients>(loop, Paths::runDir());
+        FileManager::setTimersReader(TimerManager::archivedScriptPaths);
     }
     Platform::install(std::move(platform));
     return loop;

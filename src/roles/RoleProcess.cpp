@@ -26,6 +26,7 @@
 #include "platform/Platform.h"
 #include "platform/RunLoop.h"
 #include "platform/linux/UnixNotificationCenter.h"
+#include "roles/CommandsPort.h"
 #include "roles/ControlSocket.h"
 #include "roles/ProcessWiring.h"
 #include "roles/RoleSelection.h"
@@ -153,12 +154,17 @@ int runRole(const RoleOptions& options) {
         location = std::make_unique<LocationWatcher>(*loop, options.bundleId, publisher);
     }
 
-    // The home screen: the library, the settings database and the control socket.
+    // The home screen: the library, the settings database, the commands port and the control
+    // socket.
     std::unique_ptr<ControlSocket> control;
+    std::shared_ptr<LocalPort> commands;
     if (roles.homeScreen) {
         installAppResources(Paths::root());
         FileManager::prepareDirectories();
         DataManager::initDb();
+        commands = openCommandsPort(*Platform::current().ports, *loop);
+        if (!commands)
+            fail(std::string("the port ") + kCommandsPortName + " is taken: another home screen runs on " + Paths::root());
         control = std::make_unique<ControlSocket>(*loop, run);
     }
 
@@ -169,6 +175,7 @@ int runRole(const RoleOptions& options) {
     loop->run();
 
     control.reset();
+    if (commands) commands->invalidate();
     keyboard.reset();
     location.reset();
     if (injector && injector->port()) injector->port()->invalidate();

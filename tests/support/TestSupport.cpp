@@ -71,7 +71,7 @@ BackgroundProcess::BackgroundProcess(const std::vector<std::string>& args) {
         dup2(devnull, 0);
         dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
         dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-        execv(argv[0], argv.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
 }

@@ -36,8 +36,8 @@ struct ProcessResult {
     std::string err;
 };
 
-// Runs `args` (args[0] is the program) with standard input closed, and waits for it, at most
-// `timeoutSeconds` (then it is killed).
+// Runs `args` (args[0] is the program, looked up in PATH when it has no "/") with standard input
+// closed, and waits for it, at most `timeoutSeconds` (then it is killed).
 ProcessResult runProcess(const std::vector<std::string>& args, int timeoutSeconds = 30);
 
 // A process running beside the test, its output going to files; stopped with SIGTERM when the
