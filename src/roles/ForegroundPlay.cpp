@@ -143,9 +143,7 @@ std::string decryptForPlay(const std::string& path, const PlayRequest& options) 
 // The settings of this play: the script's stored play settings (their defaults for a script
 // without a row), with what the command line gives on top.
 std::shared_ptr<PlaySettings> playSettingsFor(const std::string& path, const PlayRequest& options) {
-    auto settings = std::make_shared<PlaySettings>(PlaySettingsManager().findPlaySettingsByScriptTitle(path)
-                                                        .value_or(PlaySettings{}));
-    settings->filePath = path;
+    auto settings = PlaySettingsManager::currentPlaySettingsFor(path);
     if (options.repeat) settings->repeatTime = *options.repeat;
     if (options.interval) settings->repeatInterval = *options.interval;
     if (options.speed) settings->playSpeed = *options.speed;

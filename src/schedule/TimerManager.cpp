@@ -152,10 +152,7 @@ void TimerManager::forwardToPlay(const UserInfo& userInfo) {
 }
 
 void TimerManager::initCurrentPlaySettingsFor(const std::string& path) {
-    auto stored = PlaySettingsManager().findPlaySettingsByScriptTitle(path);
-    auto settings = std::make_shared<PlaySettings>(stored.value_or(PlaySettings{}));
-    settings->filePath = path;
-    Global::sharedInstance().setCurrentPlaySettings(std::move(settings));
+    Global::sharedInstance().setCurrentPlaySettings(PlaySettingsManager::currentPlaySettingsFor(path));
 }
 
 void TimerManager::playScriptNow() {

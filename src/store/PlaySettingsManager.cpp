@@ -28,4 +28,10 @@ std::optional<PlaySettings> PlaySettingsManager::findPlaySettingsByScriptTitle(c
     return DataManager::findPlaySettingsByScriptTitle(path);
 }
 
+std::shared_ptr<PlaySettings> PlaySettingsManager::currentPlaySettingsFor(const std::string& path) {
+    auto settings = std::make_shared<PlaySettings>(PlaySettingsManager().findPlaySettingsByScriptTitle(path).value_or(PlaySettings{}));
+    settings->filePath = path;
+    return settings;
+}
+
 }  // namespace tw

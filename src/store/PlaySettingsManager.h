@@ -1,5 +1,6 @@
 #pragma once
 // The script list's in-memory copy of every PLAY_SETTINGS row, as fresh as its last reload.
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +25,10 @@ public:
     bool ifPlayDirectly(const std::string& path) const;
     // Asks the database, not the cache: the first row for the path.
     std::optional<PlaySettings> findPlaySettingsByScriptTitle(const std::string& path) const;
+
+    // What a play of the script at `path` starts from: its stored settings, or the defaults for a
+    // script without a row, with filePath set to `path`.
+    static std::shared_ptr<PlaySettings> currentPlaySettingsFor(const std::string& path);
 
     std::vector<PlaySettings> playSettingsArray;
 };

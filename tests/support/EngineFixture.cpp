@@ -5,6 +5,7 @@
 #include "api/Registry.h"
 #include "api/SystemFunctions.h"
 #include "core/Global.h"
+#include "play/PivotManager.h"
 #include "core/Paths.h"
 #include "injection/EventSimulate.h"
 #include "injection/records/MessageIds.h"
@@ -64,6 +65,7 @@ void EngineFixture::SetUp() {
     ASSERT_TRUE(FileManager::prepareDirectories());
     EventSimulate::resetPort();
     Global::sharedInstance().init();
+    PivotManager::sharedInstance().reset();
     luaStopFlag.store(0);  // a play stopped in an earlier test leaves it set
 
     ScriptManager::setErrorHandler([this](const std::string& message) {
