@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace tw::cli {
 
@@ -31,6 +32,8 @@ Command addScreenCommand(CLI::App& app, CommonOptions& common);
 Command addScreenshotCommand(CLI::App& app, CommonOptions& common);
 Command addLibraryCommand(CLI::App& app, CommonOptions& common);
 Command addRecordCommand(CLI::App& app, CommonOptions& common);
+// triggers, bind, unbind, trigger.
+std::vector<Command> addTriggerCommands(CLI::App& app, CommonOptions& common);
 Command addTimerCommand(CLI::App& app, CommonOptions& common);
 Command addTimersCommand(CLI::App& app, CommonOptions& common);
 Command addSettingsCommand(CLI::App& app, CommonOptions& common);

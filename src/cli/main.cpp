@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     tw::cli::CommonOptions common;
 
-    const std::vector<tw::cli::Command> commands = {
+    std::vector<tw::cli::Command> commands = {
         tw::cli::addPlayCommand(app, common),
         tw::cli::addEncryptCommand(app, common),
         tw::cli::addDecryptCommand(app, common),
@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
         tw::cli::addSettingsCommand(app, common),
         tw::cli::addRoleCommand(app, common),
     };
+    for (auto& command : tw::cli::addTriggerCommands(app, common)) commands.push_back(std::move(command));
 
     try {
         app.parse(argc, argv);

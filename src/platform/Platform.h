@@ -5,6 +5,7 @@
 
 namespace tw {
 
+class ActivatorFramework;
 class AppService;
 class AudioService;
 class BundleInfo;
@@ -40,6 +41,8 @@ struct Platform {
     // Makes clients that hear every event the device's input system delivers (the recorder's).
     std::shared_ptr<HidEventClientFactory> hidClients;
     std::shared_ptr<Display> display;
+    // The trigger framework; present in the home-screen role.
+    std::shared_ptr<ActivatorFramework> activator;
 
     static Platform& current();
     static void install(Platform platform);

@@ -5,7 +5,12 @@
 #include "core/Paths.h"
 #include "graphic/Bmp.h"
 #include "platform/linux/LineClient.h"
+#include "library/FileManager.h"
+#include "platform/ActivatorFramework.h"
+#include "platform/Platform.h"
 #include "play/PivotManager.h"
+#include "store/DataManager.h"
+#include "triggers/ActivatorManager.h"
 #include "recording/Recorder.h"
 #include "roles/DeviceAccess.h"
 
@@ -16,6 +21,70 @@ constexpr size_t kMaxControlLine = 64 * 1024;
 }  // namespace
 
 std::string controlSocketPath(const std::string& runDir) { return runDir + "/control"; }
+
+namespace {
+
+const char* actionName(int64_t forWhat) {
+    switch (forWhat) {
+        case kForWhatControlPanel: return "panel";
+        case kForWhatStartStopPlaying: return "playstop";
+        case kForWhatPlayScript: return "script";
+        default: return "unknown";
+    }
+}
+
+nlohmann::json failure(const std::string& error) { return {{"ok", false}, {"error", error}}; }
+
+// Removes both copies of a binding: the framework's assignments and the rows.
+void unbind(const ActivatorTrigger& trigger) {
+    ActivatorManager::unassignActivatorTrigger(trigger, ActivatorManager::compatibleModesOfEventAssigned(trigger.eventName));
+}
+
+// "trigger" fires an event as a button would; "bind" and "unbind" change what an event does.
+nlohmann::json handleTrigger(const std::string& action, const nlohmann::json& request) {
+    const std::string event = request.value("event", "");
+    const auto& names = activatorEventNames();
+    if (std::find(names.begin(), names.end(), event) == names.end())
+        return failure("unknown event \"" + event + "\" (one of LAEventNameVolumeDownPress, LAEventNameVolumeUpPress, "
+                       "LAEventNameVolumeDownHoldShort, LAEventNameVolumeUpHoldShort, LAEventNameVolumeDownHoldLong, "
+                       "LAEventNameVolumeUpHoldLong, LAEventNameMenuPressDouble, LAEventNameLockPress)");
+    auto activator = Platform::current().activator;
+    if (!activator) return failure("this home screen has no trigger framework");
+    if (action == "trigger") return {{"ok", true}, {"handled", activator->sendEvent(event)}};
+    const auto bound = ActivatorManager::getActivatorTriggerByEventName(event);
+    if (action == "unbind") {
+        if (!bound) return failure(event + " is not bound");
+        if (!ActivatorManager::allowedToUnassignEvent(event, kActivatorListenerName))
+            return failure(event + " is the last event of the listener and cannot be unbound");
+        unbind(*bound);
+        return {{"ok", true}};
+    }
+    const std::string what = request.value("action_type", "");
+    int64_t forWhat = 0;
+    std::optional<std::string> script;
+    if (what == "panel") {
+        forWhat = kForWhatControlPanel;
+    } else if (what == "playstop") {
+        forWhat = kForWhatStartStopPlaying;
+    } else if (what == "script") {
+        forWhat = kForWhatPlayScript;
+        script = request.value("script", "");
+        if (!FileManager::fileExist(*script) || script->find('/', 1) != std::string::npos)
+            return failure("no script " + *script + " in the library root");
+    } else {
+        return failure("a binding is \"panel\", \"playstop\" or \"script\"");
+    }
+    if (bound) unbind(*bound);
+    // The control panel and start/stop are each bound to one event only.
+    if (forWhat != kForWhatPlayScript)
+        if (auto other = forWhat == kForWhatControlPanel ? DataManager::getActivatorTriggerForControlPanel()
+                                                         : DataManager::getActivatorTriggerForStartStopPlaying())
+            unbind(*other);
+    ActivatorManager::assignActivatorTrigger(ActivatorTrigger(event, forWhat, script), ActivatorManager::compatibleModesOfEvent(event));
+    return {{"ok", true}};
+}
+
+}  // namespace
 
 nlohmann::json ControlSocket::handle(const nlohmann::json& request) {
     if (!request.is_object() || !request.contains("action") || !request["action"].is_string())
@@ -41,6 +110,15 @@ nlohmann::json ControlSocket::handle(const nlohmann::json& request) {
         const std::string path = Paths::devicePath(recordingScriptPath());
         PivotManager::sharedInstance().stopRecording();
         return {{"ok", true}, {"path", path}};
+    }
+    if (action == "trigger" || action == "bind" || action == "unbind") return handleTrigger(action, request);
+    if (action == "triggers") {
+        nlohmann::json list = nlohmann::json::array();
+        for (const auto& trigger : ActivatorManager::getActivatorTriggersAll())
+            list.push_back({{"event", trigger.eventName},
+                            {"action", actionName(trigger.forWhat)},
+                            {"script", trigger.forWhat == kForWhatPlayScript ? trigger.filePath.value_or("") : ""}});
+        return {{"ok", true}, {"triggers", list}};
     }
     return {{"ok", false}, {"error", "unknown action \"" + action + "\""}};
 }

@@ -7,6 +7,7 @@
 #include "core/Diagnostics.h"
 #include "core/Paths.h"
 #include "core/Settings.h"
+#include "device/DeviceActivator.h"
 #include "device/DeviceApps.h"
 #include "device/DeviceBundles.h"
 #include "device/DevicePasteboard.h"
@@ -92,6 +93,8 @@ std::shared_ptr<linuxp::AsioRunLoop> installProcess(const ProcessSetup& setup) {
         if (!device::writeAppBundles(Paths::root(), setup.profile, &bundleError)) diagnostic("%s", bundleError.c_str());
         LuaBridge::setFunctionRegistrar(registerFunctions);
         platform.hidClients = std::make_shared<device::HubEventClients>(loop, Paths::runDir());
+        platform.activator = std::make_shared<device::DeviceActivator>(
+            Paths::root(), [apps = platform.apps] { return apps->frontmostApplication().value_or(""); });
         FileManager::setTimersReader(TimerManager::archivedScriptPaths);
     }
     Platform::install(std::move(platform));

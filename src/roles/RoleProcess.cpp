@@ -19,8 +19,6 @@
 #include "injection/HidInjector.h"
 #include "injection/TextInput.h"
 #include "injection/records/MessageIds.h"
-#include "library/FileManager.h"
-#include "store/DataManager.h"
 #include "platform/DeviceInfo.h"
 #include "platform/MessagePort.h"
 #include "platform/Platform.h"
@@ -28,6 +26,7 @@
 #include "platform/linux/UnixNotificationCenter.h"
 #include "roles/CommandsPort.h"
 #include "roles/ControlSocket.h"
+#include "triggers/ActionListener.h"
 #include "roles/ProcessWiring.h"
 #include "roles/RoleSelection.h"
 #include "ui/ConsoleUserInterface.h"
@@ -154,14 +153,13 @@ int runRole(const RoleOptions& options) {
         location = std::make_unique<LocationWatcher>(*loop, options.bundleId, publisher);
     }
 
-    // The home screen: the library, the settings database, the commands port and the control
-    // socket.
+    // The home screen: the trigger listener (which prepares the library and the settings database
+    // and inspects the bindings 30 seconds later), the commands port and the control socket.
     std::unique_ptr<ControlSocket> control;
     std::shared_ptr<LocalPort> commands;
     if (roles.homeScreen) {
         installAppResources(Paths::root());
-        FileManager::prepareDirectories();
-        DataManager::initDb();
+        ActionListener::load();
         commands = openCommandsPort(*Platform::current().ports, *loop);
         if (!commands)
             fail(std::string("the port ") + kCommandsPortName + " is taken: another home screen runs on " + Paths::root());

@@ -1,0 +1,104 @@
+#include "device/DeviceActivator.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "core/AtomicFile.h"
+#include "core/Diagnostics.h"
+
+namespace tw::device {
+
+DeviceActivator::DeviceActivator(std::string root, std::function<std::string()> frontApp)
+    : file_(root + "/Library/Activator/assignments.json"), frontApp_(std::move(frontApp)) {}
+
+DeviceActivator::Assignments DeviceActivator::read() const {
+    Assignments assignments;
+    const auto text = readWholeFile(file_);
+    if (!text) return assignments;
+    const auto json = nlohmann::json::parse(*text, nullptr, false);
+    if (!json.is_object()) return assignments;  // unreadable: no assignments
+    for (const auto& [event, modes] : json.items()) {
+        if (!modes.is_object()) continue;
+        for (const auto& [mode, listener] : modes.items())
+            if (listener.is_string()) assignments[event][mode] = listener.get<std::string>();
+    }
+    return assignments;
+}
+
+void DeviceActivator::write(const Assignments& assignments) const {
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(file_).parent_path(), ec);
+    std::string error;
+    if (!writeFileAtomically(file_, nlohmann::json(assignments).dump(2) + "\n", &error))
+        diagnostic("trigger assignments: %s", error.c_str());
+}
+
+void DeviceActivator::registerListener(std::shared_ptr<ActivatorListener> listener, const std::string& name) {
+    std::lock_guard lock(mutex_);
+    listeners_[name] = std::move(listener);
+}
+
+std::vector<std::string> DeviceActivator::eventsAssignedToListenerWithName(const std::string& listenerName) {
+    std::vector<std::string> events;
+    for (const auto& [event, modes] : read())
+        if (std::any_of(modes.begin(), modes.end(), [&](const auto& m) { return m.second == listenerName; }))
+            events.push_back(event);
+    return events;
+}
+
+std::optional<std::string> DeviceActivator::assignedListenerNameForEvent(const std::string& eventName, const std::string& mode) {
+    const auto assignments = read();
+    const auto event = assignments.find(eventName);
+    if (event == assignments.end()) return std::nullopt;
+    const auto listener = event->second.find(mode);
+    if (listener == event->second.end()) return std::nullopt;
+    return listener->second;
+}
+
+std::vector<std::string> DeviceActivator::compatibleEventModesForListenerWithName(const std::string&) {
+    return {kActivatorModeSpringBoard, kActivatorModeApplication, kActivatorModeLockScreen};
+}
+
+bool DeviceActivator::eventWithNameIsCompatibleWithMode(const std::string& eventName, const std::string&) {
+    const auto& names = activatorEventNames();
+    return std::find(names.begin(), names.end(), eventName) != names.end();
+}
+
+bool DeviceActivator::listenerWithNameRequiresAssignment(const std::string&) { return false; }
+
+void DeviceActivator::assignEvent(const std::string& eventName, const std::string& mode, const std::string& listenerName) {
+    std::lock_guard lock(mutex_);
+    auto assignments = read();
+    assignments[eventName][mode] = listenerName;
+    write(assignments);
+}
+
+void DeviceActivator::unassignEvent(const std::string& eventName, const std::string& mode) {
+    std::lock_guard lock(mutex_);
+    auto assignments = read();
+    auto event = assignments.find(eventName);
+    if (event == assignments.end() || !event->second.erase(mode)) return;
+    if (event->second.empty()) assignments.erase(event);
+    write(assignments);
+}
+
+std::string DeviceActivator::currentMode() const {
+    return frontApp_ && !frontApp_().empty() ? kActivatorModeApplication : kActivatorModeSpringBoard;
+}
+
+bool DeviceActivator::sendEvent(const std::string& eventName) {
+    const std::string mode = currentMode();
+    const auto name = assignedListenerNameForEvent(eventName, mode);
+    if (!name) return false;
+    std::shared_ptr<ActivatorListener> listener;
+    {
+        std::lock_guard lock(mutex_);
+        auto it = listeners_.find(*name);
+        if (it == listeners_.end()) return false;
+        listener = it->second;
+    }
+    return listener->receiveEvent(eventName, mode);
+}
+
+}  // namespace tw::device
