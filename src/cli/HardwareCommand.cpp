@@ -70,8 +70,9 @@ Command addHardwareCommand(CLI::App& app, CommonOptions& common) {
     sub->require_subcommand(1);
     sub->footer(
         "Real input: the device dispatches it like a person's finger or button, so a script's held\n"
-        "fingers are forgotten when a real touch arrives, and a recording records it. Coordinates\n"
-        "are portrait screen pixels.");
+        "fingers are forgotten when a real touch arrives, a recording records it, and buttons fire\n"
+        "trigger events (volume: a press under 400 ms, a short hold at 400 ms, a long hold at 1500 ms;\n"
+        "lock: a press; home: two presses within 350 ms). Coordinates are portrait screen pixels.");
 
     auto* touch = addRootOption(sub->add_subcommand("touch", "One finger event: down, move or up at X Y"), common);
     touch->add_option("phase", options->phase, "down, move or up")->required()->check(CLI::IsMember({"down", "move", "up"}));

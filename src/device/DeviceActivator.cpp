@@ -6,6 +6,9 @@
 
 #include "core/AtomicFile.h"
 #include "core/Diagnostics.h"
+#include "device/ButtonGestures.h"
+#include "platform/HidEvent.h"
+#include "platform/RunLoop.h"
 
 namespace tw::device {
 
@@ -81,6 +84,45 @@ void DeviceActivator::unassignEvent(const std::string& eventName, const std::str
     if (event == assignments.end() || !event->second.erase(mode)) return;
     if (event->second.empty()) assignments.erase(event);
     write(assignments);
+}
+
+struct DeviceActivator::ButtonWatch {
+    std::shared_ptr<HidEventClient> client;
+    ButtonGestures gestures;
+    std::shared_ptr<RunLoop::Timer> holdTimer;
+    // Sends what is due, then waits for the next hold, if a button is held.
+    std::function<void(const std::vector<std::string>&)> fire;
+};
+
+namespace {
+int64_t millisecondsOf(uint64_t ticks) { return static_cast<int64_t>(ticks / (hid::kAbsoluteTicksPerMicrosecond * 1000)); }
+}  // namespace
+
+void DeviceActivator::watchButtons(HidEventClientFactory& clients) {
+    buttons_ = std::make_shared<ButtonWatch>();
+    buttons_->client = clients.createClient();
+    std::weak_ptr<ButtonWatch> weak = buttons_;
+    buttons_->fire = [this, weak](const std::vector<std::string>& events) {
+        for (const auto& event : events) sendEvent(event);
+        auto watch = weak.lock();
+        if (!watch) return;
+        if (watch->holdTimer) watch->holdTimer->invalidate();
+        const auto next = watch->gestures.nextDeadline();
+        if (!next) return;
+        const auto wait = std::chrono::milliseconds(std::max<int64_t>(0, *next - millisecondsOf(hid::absoluteTime())));
+        watch->holdTimer = RunLoop::main().scheduleTimer(RunLoop::Clock::now() + wait, std::chrono::duration<double>(0),
+                                                         [weak](RunLoop::Timer&) {
+                                                             if (auto watch = weak.lock())
+                                                                 watch->fire(watch->gestures.tick(millisecondsOf(hid::absoluteTime())));
+                                                         });
+    };
+    buttons_->client->registerEventCallback([weak](const hid::HidEvent& event) {
+        auto watch = weak.lock();
+        if (!watch || !event.hardware || event.type != hid::kEventTypeKeyboard) return;  // a script's keys fire nothing
+        watch->fire(watch->gestures.button(static_cast<uint32_t>(event.integerValue(hid::kFieldKeyboardUsagePage)),
+                                           static_cast<uint32_t>(event.integerValue(hid::kFieldKeyboardUsage)),
+                                           event.integerValue(hid::kFieldKeyboardDown) != 0, millisecondsOf(event.timestamp)));
+    });
 }
 
 std::string DeviceActivator::currentMode() const {

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "platform/ActivatorFramework.h"
+#include "platform/HidEventSystem.h"
 
 namespace tw::device {
 
@@ -26,6 +27,10 @@ public:
     void unassignEvent(const std::string& eventName, const std::string& mode) override;
     bool sendEvent(const std::string& eventName) override;
 
+    // From now on a person's button presses (the hardware buttons among the events that `clients`
+    // hear) fire the events of ButtonGestures, on the main run loop.
+    void watchButtons(HidEventClientFactory& clients);
+
     std::string currentMode() const;
     std::string assignmentsFile() const { return file_; }
 
@@ -38,6 +43,8 @@ private:
     std::function<std::string()> frontApp_;
     std::mutex mutex_;
     std::map<std::string, std::shared_ptr<ActivatorListener>> listeners_;
+    struct ButtonWatch;
+    std::shared_ptr<ButtonWatch> buttons_;
 };
 
 }  // namespace tw::device

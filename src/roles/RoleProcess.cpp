@@ -25,6 +25,7 @@
 #include "platform/RunLoop.h"
 #include "platform/linux/UnixNotificationCenter.h"
 #include "roles/CommandsPort.h"
+#include "device/DeviceActivator.h"
 #include "roles/ControlSocket.h"
 #include "triggers/ActionListener.h"
 #include "roles/ProcessWiring.h"
@@ -160,6 +161,10 @@ int runRole(const RoleOptions& options) {
     if (roles.homeScreen) {
         installAppResources(Paths::root());
         ActionListener::load();
+        // The device's buttons, pressed by a person, fire trigger events.
+        const auto& platform = Platform::current();
+        if (auto activator = std::dynamic_pointer_cast<device::DeviceActivator>(platform.activator); activator && platform.hidClients)
+            activator->watchButtons(*platform.hidClients);
         commands = openCommandsPort(*Platform::current().ports, *loop);
         if (!commands)
             fail(std::string("the port ") + kCommandsPortName + " is taken: another home screen runs on " + Paths::root());

@@ -23,6 +23,24 @@ void ConsoleUserInterface::showToast(const ToastRequest& toast) {
     std::fflush(out_);
 }
 
+void ConsoleUserInterface::showControlPanel(const std::vector<ControlPanelScript>& scripts, ControlPanelDelegate delegate) {
+    std::fprintf(out_, "[control panel] %zu scripts\n", scripts.size());
+    std::fflush(out_);
+    UserInterface::showControlPanel(scripts, std::move(delegate));
+}
+
+void ConsoleUserInterface::showPlaySettingsView(const PlaySettingsSheet& sheet, PlaySettingsViewDelegate delegate) {
+    std::fprintf(out_, "[play settings] %s\n", sheet.filePath.c_str());
+    std::fflush(out_);
+    UserInterface::showPlaySettingsView(sheet, std::move(delegate));
+}
+
+void ConsoleUserInterface::showTextPrompt(const TextPromptRequest& request, TextPromptDelegate delegate) {
+    std::fprintf(out_, "[prompt] %s\n", request.message.c_str());
+    std::fflush(out_);
+    UserInterface::showTextPrompt(request, std::move(delegate));
+}
+
 void ConsoleSoundService::playSystemSound(uint32_t soundId) {
     if (!verbose_) return;
     if (soundId == kSystemSoundVibrate)

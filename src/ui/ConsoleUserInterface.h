@@ -19,6 +19,12 @@ public:
     void showAlert(const AlertRequest& alert) override;
     DialogResponse showDialog(const DialogRequest& request) override;
     void showToast(const ToastRequest& toast) override;
+    // The console shows the control panel, the play settings sheet and the password prompt as a
+    // line each and, having nobody to ask, closes them at once.
+    using UserInterface::showAlert;
+    void showControlPanel(const std::vector<ControlPanelScript>& scripts, ControlPanelDelegate delegate) override;
+    void showPlaySettingsView(const PlaySettingsSheet& sheet, PlaySettingsViewDelegate delegate) override;
+    void showTextPrompt(const TextPromptRequest& request, TextPromptDelegate delegate) override;
 
     // Loads the answers file: a JSON array of objects. Throws std::runtime_error with the reason.
     void loadAnswers(const std::string& path);
