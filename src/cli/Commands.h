@@ -32,6 +32,7 @@ Command addScreenCommand(CLI::App& app, CommonOptions& common);
 Command addScreenshotCommand(CLI::App& app, CommonOptions& common);
 Command addLibraryCommand(CLI::App& app, CommonOptions& common);
 Command addRecordCommand(CLI::App& app, CommonOptions& common);
+Command addPanelCommand(CLI::App& app, CommonOptions& common);
 // triggers, bind, unbind, trigger.
 std::vector<Command> addTriggerCommands(CLI::App& app, CommonOptions& common);
 Command addTimerCommand(CLI::App& app, CommonOptions& common);

@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
         tw::cli::addScreenshotCommand(app, common),
         tw::cli::addLibraryCommand(app, common),
         tw::cli::addRecordCommand(app, common),
+        tw::cli::addPanelCommand(app, common),
         tw::cli::addTimerCommand(app, common),
         tw::cli::addTimersCommand(app, common),
         tw::cli::addSettingsCommand(app, common),

@@ -4,6 +4,7 @@
 // {"kind":"toast","time":T,"text":S,"seconds":N,"position":P}.
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/UserInterface.h"
@@ -20,17 +21,22 @@ public:
     void showControlPanel(const std::vector<ControlPanelScript>& scripts, ControlPanelDelegate delegate) override {
         inner_->showControlPanel(scripts, std::move(delegate));
     }
-    void showPlaySettingsView(const PlaySettingsSheet& sheet, PlaySettingsViewDelegate delegate) override {
-        inner_->showPlaySettingsView(sheet, std::move(delegate));
-    }
-    void showTextPrompt(const TextPromptRequest& request, TextPromptDelegate delegate) override {
-        inner_->showTextPrompt(request, std::move(delegate));
-    }
+    void showPlaySettingsView(const PlaySettingsSheet& sheet, PlaySettingsViewDelegate delegate) override;
+    void showTextPrompt(const TextPromptRequest& request, TextPromptDelegate delegate) override;
+
+    // A person at the command line's panel answers the next play settings sheet (confirmed with
+    // `chosen`) and the next password prompt ("Confirm" with `password`) in place of the screen.
+    // Main run loop only; clearAnswers() drops what was not asked.
+    void answerNextPlaySettingsView(const PlaySettingsSheet& chosen) { sheetAnswer_ = chosen; }
+    void answerNextTextPrompt(const std::string& password) { promptAnswer_ = password; }
+    void clearAnswers() { sheetAnswer_.reset(), promptAnswer_.reset(); }
     DialogResponse showDialog(const DialogRequest& request) override { return inner_->showDialog(request); }
     void showToast(const ToastRequest& toast) override;
 
 private:
     std::shared_ptr<UserInterface> inner_;
+    std::optional<PlaySettingsSheet> sheetAnswer_;
+    std::optional<std::string> promptAnswer_;
     std::function<void(const std::string&)> publish_;
 };
 

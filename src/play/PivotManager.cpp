@@ -132,9 +132,7 @@ void PivotManager::stopRecording() {
 
 void PivotManager::doScreenshot() { takeCurrentScreenshot(); }
 
-void PivotManager::showControlPanel() {
-    auto ui = Platform::current().ui;
-    if (!ui) return;
+std::vector<ControlPanelScript> PivotManager::controlPanelScripts() {
     std::vector<ControlPanelScript> scripts;
     const PlaySettingsManager stored;
     const auto timers = TimerManager::archivedScriptPaths();
@@ -145,6 +143,13 @@ void PivotManager::showControlPanel() {
         script.hasTimer = std::find(timers.begin(), timers.end(), path) != timers.end();
         scripts.push_back(std::move(script));
     }
+    return scripts;
+}
+
+void PivotManager::showControlPanel() {
+    auto ui = Platform::current().ui;
+    if (!ui) return;
+    const auto scripts = controlPanelScripts();
     isControlPanelShowing = true;
     ui->showControlPanel(scripts, {[this] { controlPanelViewDidClickOnRecord(); },
                                    [this](const std::string& path) { controlPanelViewDidSelectScript(path); },

@@ -7,6 +7,9 @@
 // and tracks its pop-ups, so that triggers are ignored while one shows. The play and record state
 // lives in Global. Main run loop only.
 #include <string>
+#include <vector>
+
+#include "platform/UserInterface.h"
 
 namespace tw {
 
@@ -33,6 +36,8 @@ public:
     void doScreenshot();
 
     void showControlPanel();
+    // The control panel's list: the scripts of the library root with their marks.
+    static std::vector<ControlPanelScript> controlPanelScripts();
     void showPlaySettingsView();
     void showDecryptScriptAlertView();
     void showPlayLaterTipAlertView();

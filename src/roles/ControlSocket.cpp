@@ -10,6 +10,8 @@
 #include "platform/Platform.h"
 #include "play/PivotManager.h"
 #include "store/DataManager.h"
+#include "store/PlaySettingsManager.h"
+#include "device/DeviceUserInterface.h"
 #include "triggers/ActivatorManager.h"
 #include "recording/Recorder.h"
 #include "roles/DeviceAccess.h"
@@ -84,6 +86,45 @@ nlohmann::json handleTrigger(const std::string& action, const nlohmann::json& re
     return {{"ok", true}};
 }
 
+// The control panel for a person at the command line: without "choose", what it lists; with
+// "choose": "script", what the panel does with the script chosen, the play settings sheet and the
+// password prompt answered from the request.
+nlohmann::json handlePanel(const nlohmann::json& request) {
+    auto& global = Global::sharedInstance();
+    auto& pivot = PivotManager::sharedInstance();
+    const std::string choose = request.value("choose", "");
+    if (choose.empty()) {
+        nlohmann::json scripts = nlohmann::json::array();
+        for (const auto& script : PivotManager::controlPanelScripts()) {
+            const auto settings = PlaySettingsManager::currentPlaySettingsFor(script.path);
+            scripts.push_back({{"path", script.path}, {"trigger", script.hasTrigger}, {"settings", script.hasPlaySettings},
+                               {"timer", script.hasTimer}, {"repeat", settings->repeatTime},
+                               {"interval", settings->repeatInterval}, {"speed", settings->playSpeed},
+                               {"playDirectly", settings->playDirectly}});
+        }
+        return {{"ok", true}, {"scripts", scripts}, {"recording", global.isRecording()}, {"playing", global.isPlaying()},
+                {"readyToPlay", global.isReadyToPlay()}};
+    }
+    if (choose != "script") return failure("a panel choice is \"script\" (record and screenshot have their own actions)");
+    if (global.isPlaying() || global.isRecording()) return failure("a script is playing or a recording runs");
+    const std::string path = request.value("script", "");
+    auto ui = std::dynamic_pointer_cast<device::DeviceUserInterface>(Platform::current().ui);
+    if (ui && request.contains("sheet") && request["sheet"].is_object()) {
+        const auto& sheet = request["sheet"];
+        PlaySettingsSheet chosen;
+        chosen.repeatTime = sheet.value("repeat", int64_t{1});
+        chosen.repeatInterval = sheet.value("interval", int64_t{1});
+        chosen.playSpeed = sheet.value("speed", 1.0);
+        chosen.playDirectly = sheet.value("playDirectly", false);
+        chosen.playNowOrLater = sheet.value("later", false) ? 1 : 0;
+        ui->answerNextPlaySettingsView(chosen);
+    }
+    if (ui && request.contains("password") && request["password"].is_string()) ui->answerNextTextPrompt(request["password"]);
+    pivot.controlPanelViewDidSelectScript(path);
+    if (ui) ui->clearAnswers();
+    return {{"ok", true}, {"readyToPlay", global.isReadyToPlay()}};
+}
+
 }  // namespace
 
 nlohmann::json ControlSocket::handle(const nlohmann::json& request) {
@@ -112,6 +153,7 @@ nlohmann::json ControlSocket::handle(const nlohmann::json& request) {
         return {{"ok", true}, {"path", path}};
     }
     if (action == "trigger" || action == "bind" || action == "unbind") return handleTrigger(action, request);
+    if (action == "panel") return handlePanel(request);
     if (action == "triggers") {
         nlohmann::json list = nlohmann::json::array();
         for (const auto& trigger : ActivatorManager::getActivatorTriggersAll())

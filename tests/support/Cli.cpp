@@ -30,8 +30,8 @@ static std::vector<std::string> command(std::vector<std::string> args, const std
     return args;
 }
 
-ProcessResult Cli::run(std::vector<std::string> args) const {
-    return runProcess(command(std::move(args), root_.str()));
+ProcessResult Cli::run(std::vector<std::string> args, const std::string& input) const {
+    return runProcess(command(std::move(args), root_.str()), 30, input);
 }
 
 std::unique_ptr<BackgroundProcess> Cli::start(std::vector<std::string> args) const {

@@ -24,8 +24,8 @@ public:
     std::filesystem::path file(const std::string& name) const { return work_.path() / name; }
     std::string file(const std::string& name, const std::string& content) const;
 
-    // `tapwright ARGS... --root ROOT`, waited for.
-    ProcessResult run(std::vector<std::string> args) const;
+    // `tapwright ARGS... --root ROOT`, waited for, with `input` on its standard input.
+    ProcessResult run(std::vector<std::string> args, const std::string& input = "") const;
     // The same, running beside the test until it ends or the object goes away.
     std::unique_ptr<BackgroundProcess> start(std::vector<std::string> args) const;
     // Plays `lua` saved as script.lua. Without a running device the play's own roles trace to

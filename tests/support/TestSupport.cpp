@@ -48,8 +48,8 @@ void writeFile(const std::filesystem::path& path, const std::string& content) {
     out << content;
 }
 
-ProcessResult runProcess(const std::vector<std::string>& args, int timeoutSeconds) {
-    BackgroundProcess process(args);
+ProcessResult runProcess(const std::vector<std::string>& args, int timeoutSeconds, const std::string& input) {
+    BackgroundProcess process(args, input);
     ProcessResult result;
     result.exitCode = process.wait(timeoutSeconds);
     if (result.exitCode < 0) result.exitCode = process.stop(SIGKILL);
@@ -58,7 +58,9 @@ ProcessResult runProcess(const std::vector<std::string>& args, int timeoutSecond
     return result;
 }
 
-BackgroundProcess::BackgroundProcess(const std::vector<std::string>& args) {
+BackgroundProcess::BackgroundProcess(const std::vector<std::string>& args, const std::string& input) {
+    const std::string in = (outputDir_.path() / "in").string();
+    writeFile(in, input);
     std::vector<char*> argv;
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
@@ -67,8 +69,7 @@ BackgroundProcess::BackgroundProcess(const std::vector<std::string>& args) {
     pid_ = fork();
     if (pid_ < 0) throw std::runtime_error("fork failed");
     if (pid_ == 0) {
-        const int devnull = open("/dev/null", O_RDONLY);
-        dup2(devnull, 0);
+        dup2(open(in.c_str(), O_RDONLY), 0);
         dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
         dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
         execvp(argv[0], argv.data());

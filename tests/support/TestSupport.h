@@ -38,13 +38,14 @@ struct ProcessResult {
 
 // Runs `args` (args[0] is the program, looked up in PATH when it has no "/") with standard input
 // closed, and waits for it, at most `timeoutSeconds` (then it is killed).
-ProcessResult runProcess(const std::vector<std::string>& args, int timeoutSeconds = 30);
+ProcessResult runProcess(const std::vector<std::string>& args, int timeoutSeconds = 30, const std::string& input = "");
 
 // A process running beside the test, its output going to files; stopped with SIGTERM when the
 // object goes away.
 class BackgroundProcess {
 public:
-    explicit BackgroundProcess(const std::vector<std::string>& args);
+    // Standard input reads `input` (nothing when empty).
+    explicit BackgroundProcess(const std::vector<std::string>& args, const std::string& input = "");
     ~BackgroundProcess();
     pid_t pid() const { return pid_; }
     // SIGTERM (or `signal`), then waits up to 10 s; returns the exit code (128 + signal if killed).
