@@ -14,6 +14,8 @@
 #include "injection/HidInjector.h"
 #include "injection/records/MessageIds.h"
 #include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/LineClient.h"
+#include "roles/ControlSocket.h"
 #include "platform/linux/UnixMessagePorts.h"
 #include "roles/ProcessWiring.h"
 #include "ui/ConsoleUserInterface.h"
@@ -76,14 +78,18 @@ std::string deviceAppBundleId(const linuxp::DeviceProfile& profile) {
 }
 
 bool waitForDevice(const std::string& root, const linuxp::DeviceProfile& profile, const std::string& appBundleId,
-                   std::chrono::milliseconds timeout) {
+                   std::chrono::milliseconds timeout, bool withHomeScreen) {
+    // The home screen opens its control socket last, after its commands port.
+    auto homeScreenReady = [&] {
+        return !withHomeScreen || linuxp::LineClient::connect(controlSocketPath(runDirOf(root)), nullptr) != nullptr;
+    };
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     const bool needKeyboard = !appBundleId.empty() && profile.coreFoundationVersionNumber > 800.0;
     const fs::path keyboards = fs::path(runDirOf(root)) / "notify" / kInputTextNotification;
     while (std::chrono::steady_clock::now() < deadline) {
         std::error_code ec;
         const bool keyboardReady = !needKeyboard || (fs::is_directory(keyboards, ec) && !fs::is_empty(keyboards, ec));
-        if (keyboardReady && deviceRunning(root)) return true;
+        if (keyboardReady && deviceRunning(root) && homeScreenReady()) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return false;

@@ -24,9 +24,11 @@ std::string runDirOf(const std::string& root);
 bool deviceRunning(const std::string& root);
 
 // Waits until the input-event role answers on `root` and, when `appBundleId` is not empty and the
-// profile takes forwarded text, that app's keyboard listens. False after `timeout`.
+// profile takes forwarded text, that app's keyboard listens, and with `withHomeScreen` the home
+// screen takes requests on its control socket (its commands port is open by then). False after
+// `timeout`.
 bool waitForDevice(const std::string& root, const linuxp::DeviceProfile& profile, const std::string& appBundleId,
-                   std::chrono::milliseconds timeout);
+                   std::chrono::milliseconds timeout, bool withHomeScreen = false);
 
 // The profile of the device running on `root`, as its starter recorded it; nullopt when none was
 // recorded. Commands that start no roles use it, so they see the device as it is.

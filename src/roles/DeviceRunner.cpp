@@ -56,7 +56,7 @@ int runDevice(const DeviceRunOptions& options) {
     sigaction(SIGTERM, &action, nullptr);
 
     if (!supervisor.startAll()) fail("cannot start the roles of the device on " + options.root);
-    const bool ready = waitForDevice(options.root, profile, app, std::chrono::seconds(10));
+    const bool ready = waitForDevice(options.root, profile, app, std::chrono::seconds(10), true);
     if (ready && picture) showPicture(options.root, *picture);
     if (ready)
         diagnostic("device '%s' ready on %s (Ctrl-C to shut it down)", profile.name.c_str(), options.root.c_str());

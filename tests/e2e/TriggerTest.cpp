@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "Cli.h"
+#include "roles/ControlSocket.h"
 
 namespace tw {
 namespace {
@@ -17,6 +18,7 @@ size_t count(const std::string& text, const std::string& what) {
 TEST(Trigger, AScriptArmedOnThePanelIsStartedByVolumeDownAndDisarmedByItsHold) {
     test::Cli cli;
     ASSERT_TRUE(cli.startDevice()) << cli.device().err();
+    const std::string root = std::filesystem::canonical(cli.root()).string();
     test::writeFile(cli.root() / "var/mobile/Library/Tapwright/Scripts/x.lua", "keyDown(KEY_TYPE.VOLUME_DOWN) keyUp(KEY_TYPE.VOLUME_DOWN) usleep(300000) alert('played x')");
     ASSERT_EQ(cli.run({"triggers"}).out, "LAEventNameVolumeDownHoldShort\tpanel\t\nLAEventNameVolumeDownPress\tplaystop\t\n");
 
@@ -30,6 +32,8 @@ TEST(Trigger, AScriptArmedOnThePanelIsStartedByVolumeDownAndDisarmedByItsHold) {
     for (size_t play = 1; play <= 2; ++play) {
         ASSERT_EQ(cli.run({"hardware", "button", "volume-down"}).exitCode, 0);
         ASSERT_TRUE(test::eventually([&] { return vibrations() == 2 * play; }, 10000)) << cli.device().err();
+        // The end's vibration comes just before the play is over.
+        ASSERT_TRUE(test::eventually([&] { return !roles::sendControlRequest(root, {{"action", "panel"}}).value("playing", true); }));
         // Its own press of volume down did not stop it.
         EXPECT_EQ(count(cli.device().err(), "[alert] played x"), play);
     }
