@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <random>
 
 #include "EngineFixture.h"
 #include "core/Settings.h"
+#include "play/PivotManager.h"
 #include "roles/CommandsPort.h"
 #include "schedule/KeyedArchive.h"
 #include "schedule/TimerManager.h"
@@ -102,6 +104,33 @@ INSTANTIATE_TEST_SUITE_P(
         Message{"IdAboveTheRangeIsIgnored", 26, int32Bytes(1), {}},
         Message{"NegativeIdIsIgnored", -7, int32Bytes(1), {}}),
     [](const auto& info) { return std::string(info.param.name); });
+
+class RandomMessagesTest : public test::EngineFixture {};
+
+TEST_F(RandomMessagesTest, RandomBytesUnderEveryIdNeverGetAReplyAndLeaveTheArchiveReadable) {
+    std::mt19937 random(7);
+    for (int i = 0; i < 600; ++i) {
+        const int32_t id = static_cast<int32_t>(random() % 30) - 2;
+        Bytes payload(random() % 3 == 0 ? 4 : random() % 200);
+        for (auto& byte : payload) byte = static_cast<uint8_t>(random());
+        ASSERT_EQ(commandsPortCallBack(id, payload), std::nullopt) << id;
+    }
+    EXPECT_TRUE(TimerManager::archivedScriptPaths().empty());
+    EXPECT_TRUE(TimerManager::writeArchive({Timer("/a.lua", std::nullopt, false, 0)}));
+}
+
+class LanguageMessageTest : public test::EngineFixture {};
+
+TEST_F(LanguageMessageTest, TheLanguageItSetsIsTheLanguageOfTheNextAlert) {
+    const std::vector<std::pair<int32_t, std::string>> languages{
+        {2, "録画が終了しました！"}, {3, "录制完成！"}, {4, "錄製完成！"}, {1, "Recording Finished!"}};
+    for (const auto& [language, text] : languages) {
+        commandsPortCallBack(kMsgLanguage, int32Bytes(language));
+        PivotManager::sharedInstance().stopRecording();
+        ASSERT_FALSE(ui->alerts().empty());
+        EXPECT_EQ(ui->alerts().back().message, text) << language;
+    }
+}
 
 }  // namespace
 }  // namespace tw
