@@ -125,6 +125,8 @@ void DeviceActivator::watchButtons(HidEventClientFactory& clients) {
     });
 }
 
+bool DeviceActivator::watchingButtons() const { return buttons_ && buttons_->client->isListening(); }
+
 std::string DeviceActivator::currentMode() const {
     return frontApp_ && !frontApp_().empty() ? kActivatorModeApplication : kActivatorModeSpringBoard;
 }

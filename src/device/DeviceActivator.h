@@ -30,6 +30,8 @@ public:
     // From now on a person's button presses (the hardware buttons among the events that `clients`
     // hear) fire the events of ButtonGestures, on the main run loop.
     void watchButtons(HidEventClientFactory& clients);
+    // Whether the buttons are heard now.
+    bool watchingButtons() const;
 
     std::string currentMode() const;
     std::string assignmentsFile() const { return file_; }

@@ -33,7 +33,10 @@ public:
         subscribe();
     }
 
+    bool isListening() const override { return listening_; }
+
     void unregisterEventCallback() override {
+        listening_ = false;
         callback_ = nullptr;
         ++generation_;  // handlers still queued see they are stale
         std::error_code ignored;
@@ -61,10 +64,12 @@ private:
             retryLater();
             return;
         }
+        listening_ = true;
         readNext();
     }
 
     void retryLater() {
+        listening_ = false;
         if (!callback_) return;
         retry_.expires_after(kResubscribeDelay);
         retry_.async_wait([self = shared_from_this(), generation = generation_](const std::error_code& code) {
@@ -99,6 +104,7 @@ private:
     asio::streambuf input_{kMaxHidLine + 1};
     EventCallback callback_;
     uint64_t generation_ = 0;
+    bool listening_ = false;
 };
 
 }  // namespace

@@ -36,6 +36,9 @@ public:
     virtual void registerEventCallback(EventCallback callback) = 0;
     // Unregisters the callback and unschedules the client; no call follows.
     virtual void unregisterEventCallback() = 0;
+    // Whether the client hears the system now (a client that reaches the system over a connection
+    // is not yet, or no longer, connected otherwise).
+    virtual bool isListening() const { return true; }
 };
 
 class HidEventClientFactory {

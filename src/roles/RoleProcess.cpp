@@ -163,11 +163,14 @@ int runRole(const RoleOptions& options) {
         ActionListener::load();
         // The device's buttons, pressed by a person, fire trigger events.
         const auto& platform = Platform::current();
-        if (auto activator = std::dynamic_pointer_cast<device::DeviceActivator>(platform.activator); activator && platform.hidClients)
-            activator->watchButtons(*platform.hidClients);
+        auto activator = std::dynamic_pointer_cast<device::DeviceActivator>(platform.activator);
+        if (activator && platform.hidClients) activator->watchButtons(*platform.hidClients);
         commands = openCommandsPort(*Platform::current().ports, *loop);
         if (!commands)
             fail(std::string("the port ") + kCommandsPortName + " is taken: another home screen runs on " + Paths::root());
+        // The control socket opens last: a device is ready once it answers, and by then the buttons
+        // are heard (the input-event role's hub may come up a moment after this role).
+        if (activator) loop->runUntil([&] { return activator->watchingButtons(); }, std::chrono::seconds(5));
         control = std::make_unique<ControlSocket>(*loop, run);
     }
 
