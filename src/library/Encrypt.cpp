@@ -18,6 +18,8 @@
 #include "core/AtomicFile.h"
 #include "core/LogToFile.h"
 #include "core/Settings.h"
+#include "platform/Platform.h"
+#include "platform/UserDefaults.h"
 
 namespace tw {
 
@@ -400,6 +402,11 @@ const char* describeCryptError(CryptError error) {
 }
 
 std::string Encrypt::encryptedPathOf(const std::string& path) { return path + ".e"; }
+
+std::string Encrypt::rememberedPassword(const std::string& libraryPath) {
+    auto defaults = Platform::current().standardDefaults;
+    return defaults ? defaults->stringForKey(passwordKeyOf(libraryPath)).value_or("") : std::string();
+}
 
 std::string Encrypt::passwordKeyOf(const std::string& libraryPath) {
     std::string key = settings::kScriptPasswordFormat;

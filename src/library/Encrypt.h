@@ -94,6 +94,8 @@ public:
     static std::string encryptedPathOf(const std::string& path);
     // The user-defaults key of the remembered password of a library path ("script.password./a.e").
     static std::string passwordKeyOf(const std::string& libraryPath);
+    // The password remembered for that script in the settings; empty when there is none.
+    static std::string rememberedPassword(const std::string& libraryPath);
 
     // Reads the whole file, encrypts it with fresh random salts and IV and writes
     // encryptedPathOf(path). The plain file stays.

@@ -34,14 +34,6 @@ void afterALittle(void (PivotManager::*action)()) {
                                   [action](RunLoop::Timer&) { (PivotManager::sharedInstance().*action)(); });
 }
 
-std::string lowercaseExtension(const std::string& path) {
-    const size_t dot = path.rfind('.'), slash = path.rfind('/');
-    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
-    std::string extension = path.substr(dot + 1);
-    std::transform(extension.begin(), extension.end(), extension.begin(), [](unsigned char c) { return std::tolower(c); });
-    return extension;
-}
-
 std::string trimmed(const std::string& text) {
     const char* space = " \t\n\r\v\f";
     const size_t first = text.find_first_not_of(space);
@@ -77,7 +69,7 @@ void PivotManager::directToPlay(const std::string& path) { play(path, true); }
 void PivotManager::play(const std::string& path, bool direct) {
     initCurrentPlaySettingsFor(path);
     auto settings = Global::sharedInstance().currentPlaySettings();
-    const std::string extension = lowercaseExtension(path);
+    const std::string extension = FileManager::lowerExtension(path);
     auto goOn = [&] {
         if (direct) settings->playDirectly = true;
         if (settings->playDirectly)
@@ -90,14 +82,13 @@ void PivotManager::play(const std::string& path, bool direct) {
         goOn();
     } else if (extension == "e") {
         settings->playType = 1;
-        auto defaults = Platform::current().standardDefaults;
-        const std::string key = Encrypt::passwordKeyOf(path);
-        const std::string stored = defaults ? defaults->stringForKey(key).value_or("") : std::string();
+        const std::string stored = Encrypt::rememberedPassword(path);
         if (auto text = Encrypt::decryptScript(FileManager::fullPathOfFile(path), stored)) {
             settings->scriptContent = *text;
             goOn();
         } else {
-            if (!stored.empty() && defaults) defaults->removeObjectForKey(key);
+            if (auto defaults = Platform::current().standardDefaults; defaults && !stored.empty())
+                defaults->removeObjectForKey(Encrypt::passwordKeyOf(path));
             showDecryptScriptAlertView();
         }
     }

@@ -125,7 +125,7 @@ bool isEncryptedScript(const std::string& path) {
 std::string decryptForPlay(const std::string& path, const PlayRequest& options) {
     auto defaults = Platform::current().standardDefaults;
     const std::string key = Encrypt::passwordKeyOf(path);
-    const std::string remembered = defaults ? defaults->stringForKey(key).value_or("") : "";
+    const std::string remembered = Encrypt::rememberedPassword(path);
     const std::string password = options.passwordGiven ? options.password : remembered;
     std::string text;
     const CryptError error = Encrypt::decryptScript(FileManager::fullPathOfFile(path), password, text);

@@ -9,8 +9,6 @@
 #include "core/Paths.h"
 #include "library/Encrypt.h"
 #include "library/FileManager.h"
-#include "platform/Platform.h"
-#include "platform/UserDefaults.h"
 #include "play/ScriptManager.h"
 #include "schedule/KeyedArchive.h"
 #include "store/PlaySettings.h"
@@ -139,10 +137,7 @@ void TimerManager::forwardToPlay(const UserInfo& userInfo) {
         playScriptNow();
     } else if (extension == "e") {
         settings->playType = 1;
-        auto defaults = Platform::current().standardDefaults;
-        const std::string password =
-            defaults ? defaults->stringForKey(Encrypt::passwordKeyOf(path)).value_or("") : std::string();
-        if (auto text = Encrypt::decryptScript(full, password)) {
+        if (auto text = Encrypt::decryptScript(full, Encrypt::rememberedPassword(path))) {
             settings->scriptContent = std::move(*text);
             playScriptNow();
         } else {

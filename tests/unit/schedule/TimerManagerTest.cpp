@@ -34,28 +34,21 @@ protected:
     TimerManager manager;
 };
 
-TEST_F(TimerManagerTest, AddingAScheduleAgainKeepsOneEntryForItsScriptAtTheEnd) {
+TEST_F(TimerManagerTest, AddingAgainKeepsOneEntryAtTheEndAndRemovingDisarmsEveryTimerOfTheScript) {
     ASSERT_TRUE(manager.add(Timer("/a.lua", later(), false, 0)));
     ASSERT_TRUE(manager.add(Timer("/b.lua", later(), false, 0)));
     ASSERT_TRUE(manager.add(Timer("/a.lua", later(), true, 60)));
     EXPECT_EQ(archivedPaths(), (Texts{"/b.lua", "/a.lua"}));
     EXPECT_TRUE(TimerManager::readArchive().back().repeat);
-    // The first schedule of /a.lua stays armed in this process.
-    EXPECT_EQ(manager.nstimers().size(), 3u);
-}
-
-TEST_F(TimerManagerTest, RemovingDisarmsTheScriptsTimersAndDropsItsSchedule) {
-    ASSERT_TRUE(manager.add(Timer("/a.lua", later(), false, 0)));
-    ASSERT_TRUE(manager.add(Timer("/b.lua", later(), false, 0)));
-    ASSERT_TRUE(manager.add(Timer("/a.lua", later(), false, 0)));
+    // The first schedule of /a.lua stays armed in this process, until its script is removed.
+    ASSERT_EQ(manager.nstimers().size(), 3u);
     auto first = manager.nstimers().front().timer;
     ASSERT_TRUE(manager.remove("/a.lua"));
     EXPECT_FALSE(first->isValid());
     ASSERT_EQ(manager.nstimers().size(), 1u);
     EXPECT_EQ(manager.nstimers().front().userInfo.at("scriptFilePath"), "/b.lua");
     EXPECT_EQ(archivedPaths(), Texts{"/b.lua"});
-    // A script without a schedule: the archive is written back as it was.
-    EXPECT_TRUE(manager.remove("/none.lua"));
+    EXPECT_TRUE(manager.remove("/none.lua"));  // written back as it was
     EXPECT_EQ(archivedPaths(), Texts{"/b.lua"});
 }
 
@@ -150,16 +143,6 @@ INSTANTIATE_TEST_SUITE_P(
         Firing{"EncryptedWithoutPasswordIsKept", "/s.e", true, idle, false, "password", true, false},
         Firing{"OtherFileDoesNothing", "/notes.txt", true, idle, false, "", true, false}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(TimerManagerTest, AFiringReplacesTheCurrentPlaySettingsWithTheScriptsOwn) {
-    addScript("notes.txt", "");
-    manager.forwardToPlay({{"scriptFilePath", "/notes.txt"}});
-    auto settings = Global::sharedInstance().currentPlaySettings();
-    ASSERT_TRUE(settings);
-    EXPECT_EQ(settings->filePath, "/notes.txt");
-    EXPECT_FALSE(settings->showPlayingFinishedAlert);
-    EXPECT_EQ(settings->repeatTime, 1);
-}
 
 }  // namespace
 }  // namespace tw
