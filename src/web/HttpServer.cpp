@@ -262,6 +262,8 @@ bool HttpServer::start(const HttpServerOptions& options, std::string* error) {
                             "num_threads", threads.c_str(),
                             "static_file_max_age", maxAge.c_str(),
                             "enable_keep_alive", "yes",
+                            // Small answers go out at once, not after the client's delayed ACK.
+                            "tcp_nodelay", "1",
                             "request_timeout_ms", "30000",
                             "keep_alive_timeout_ms", "5000",
                             "authentication_domain", kDigestRealm,
