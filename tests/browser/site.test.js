@@ -150,6 +150,13 @@ describe('the library page and the editor', { timeout: 120000 }, () => {
     assert.equal(await Promise.race([warned, sleep(5000).then(() => 'no dialog')]), 'beforeunload');
     assert.match(page.url(), /\/file\/edit\?/);
 
+    // The file went away meanwhile: the save is refused, said so, and makes no file.
+    fs.rmSync(onDisk('made.lua'));
+    await page.keyboard.press('Control+s');
+    await page.locator('#save-state', { hasText: 'Not saved: Invalid file path.' }).waitFor();
+    assert.ok(!fs.existsSync(onDisk('made.lua')));
+
+    fs.writeFileSync(onDisk('made.lua'), '');
     await page.keyboard.press('Control+s');
     await page.locator('#save-state', { hasText: 'Saved' }).waitFor();
     assert.equal(fs.readFileSync(onDisk('made.lua'), 'utf8'), text);

@@ -40,7 +40,15 @@ function render() {
   }
   syncScroll();
   document.title = `${dirty() ? '● ' : ''}${nameOf(path) || 'Editor'}: Tapwright`;
-  if (dirty() && !saving) show(state, 'Unsaved changes');
+}
+
+// After an edit: the state says whether the text differs from the saved one (a save's own
+// result stays until the next edit).
+function edited() {
+  render();
+  if (saving) return;
+  if (dirty()) show(state, 'Unsaved changes');
+  else if (state.textContent === 'Unsaved changes') show(state, '');
 }
 
 function syncScroll() {
@@ -69,7 +77,7 @@ async function save() {
   }
 }
 
-source.addEventListener('input', render);
+source.addEventListener('input', edited);
 source.addEventListener('scroll', syncScroll);
 source.addEventListener('keydown', (e) => {
   if (e.key !== 'Tab' || e.ctrlKey || e.altKey || e.metaKey || e.shiftKey) return;
@@ -77,7 +85,7 @@ source.addEventListener('keydown', (e) => {
   // insertText keeps the browser's undo history; setRangeText is the fallback.
   if (!document.execCommand('insertText', false, INDENT)) {
     source.setRangeText(INDENT, source.selectionStart, source.selectionEnd, 'end');
-    render();
+    edited();
   }
 });
 document.addEventListener('keydown', (e) => {
