@@ -233,6 +233,8 @@ $('upload-input').addEventListener('change', async (event) => {
   await load();
 });
 
+$('upload').addEventListener('click', () => $('upload-input').click());
+
 $('new-file').addEventListener('click', async () => {
   const name = await askName('Name of the new script:', 'untitled.lua');
   if (name === null) return;
