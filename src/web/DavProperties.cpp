@@ -15,7 +15,8 @@ DeadPropertyStore::DeadPropertyStore(std::string file) : file_(std::move(file)) 
     const auto text = readWholeFile(file_, &err);
     if (!text) return;
     try {
-        for (const auto& [path, properties] : json::parse(*text).items())
+        const json stored = json::parse(*text);
+        for (const auto& [path, properties] : stored.items())
             for (const auto& p : properties)
                 table_[path][{p.at(0).get<std::string>(), p.at(1).get<std::string>()}] = p.at(2).get<std::string>();
     } catch (const std::exception& e) {
