@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <strings.h>
 #include <optional>
 
 namespace tw::web {
@@ -94,6 +95,7 @@ std::string headerValue(const std::string& line) {
 struct MethodRelay::Connection {
     int client = -1;
     int upstream = -1;
+    std::mutex clientWrites;  // answers and the relay's own interim answers do not interleave
     std::thread up, down;
     std::atomic<int> running{2};
 };
@@ -199,7 +201,9 @@ void MethodRelay::relay(const std::shared_ptr<Connection>& c) {
         for (;;) {
             const ssize_t n = ::recv(raw->upstream, buffer, sizeof buffer, 0);
             if (n < 0 && errno == EINTR) continue;
-            if (n <= 0 || !sendAll(raw->client, buffer, static_cast<size_t>(n))) break;
+            if (n <= 0) break;
+            std::lock_guard lock(raw->clientWrites);
+            if (!sendAll(raw->client, buffer, static_cast<size_t>(n))) break;
         }
         ::shutdown(raw->client, SHUT_RDWR);
         --raw->running;
@@ -208,7 +212,7 @@ void MethodRelay::relay(const std::shared_ptr<Connection>& c) {
         Reader in(raw->client);
         for (;;) {
             std::string head;
-            bool chunked = false;
+            bool chunked = false, expectsContinue = false;
             uint64_t length = 0;
             bool complete = false;
             while (auto line = in.line(kMaxHead)) {
@@ -226,10 +230,17 @@ void MethodRelay::relay(const std::shared_ptr<Connection>& c) {
                     chunked = headerValue(*line).find("chunked") != std::string::npos;
                 else if (startsWithNoCase(*line, "Content-Length:"))
                     length = std::strtoull(headerValue(*line).c_str(), nullptr, 10);
+                else if (startsWithNoCase(*line, "Expect:"))
+                    expectsContinue = ::strcasecmp(headerValue(*line).c_str(), "100-continue") == 0;
             }
             if (!complete) break;
             const std::string rewritten = rewriteHead(head);
             if (rewritten.empty() || !sendAll(raw->upstream, rewritten)) break;
+            // CivetWeb never gives handlers' clients leave to send their body, so the relay does.
+            if (expectsContinue) {
+                std::lock_guard lock(raw->clientWrites);
+                if (!sendAll(raw->client, "HTTP/1.1 100 Continue\r\n\r\n")) break;
+            }
             bool ok = true;
             if (chunked) {
                 for (;;) {
@@ -281,6 +292,8 @@ std::string MethodRelay::rewriteHead(const std::string& head) {
         if (line == "\r\n" || line == "\n") break;
         // Only the relay names a method this way.
         if (startsWithNoCase(line, marker.c_str())) continue;
+        // The relay answers an Expect itself (see relay()).
+        if (startsWithNoCase(line, "Expect:")) continue;
         if (startsWithNoCase(line, "Content-Length:") || startsWithNoCase(line, "Transfer-Encoding:")) framed = true;
         out += line;
     }

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# litmus, the WebDAV conformance suite (groups basic, copymove, props and locks), against the
+# litmus, the WebDAV conformance suite (groups basic, copymove, props, locks and http), against the
 # WebDAV server over a fresh folder.
 #   litmus.sh SERVER   SERVER ROOT STATE prints the server's URL on its first line, serves until
 #                      SIGTERM
@@ -31,7 +31,7 @@ fi
 
 # litmus writes its traces (debug.log) into the current folder.
 cd "$work"
-if ! TESTS="basic copymove props locks" litmus "$url"; then
+if ! TESTS="basic copymove props locks http" litmus "$url"; then
     tail -n 60 debug.log >&2 || true
     exit 1
 fi
