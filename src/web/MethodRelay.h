@@ -30,7 +30,7 @@ public:
     uint16_t port() const { return port_; }
 
     // The request head (request line and header lines, up to and including the empty line) as the
-    // relay passes it on; nullopt-like empty string when the head is malformed.
+    // relay passes it on; empty when the request line is malformed.
     static std::string rewriteHead(const std::string& head);
 
 private:
