@@ -9,7 +9,7 @@ FUZZ_TARGETS ?=
 JOBS       ?= $(shell nproc)
 ARGS       ?=
 
-.PHONY: all deps configure build run test unit-asan bench fuzz fuzz-deps fuzz-corpus clean
+.PHONY: all deps configure build run test unit-asan bench bench-web fuzz fuzz-deps fuzz-corpus clean
 
 all: build
 
@@ -42,6 +42,11 @@ test: build
 
 bench: build
 	./$(BUILD)/bench/tw_bench
+
+# The web server under load (wrk) and large uploads (curl), on loopback: see docs/bench-web.md.
+bench-web: configure
+	cmake --build $(BUILD) -j $(JOBS) --target tapwright
+	TAPWRIGHT=$(BUILD)/tapwright bench/web-load.sh
 
 # libFuzzer targets (clang, AddressSanitizer, UndefinedBehaviorSanitizer) in their own build
 # folder; not part of `make test`. Builds them; with FUZZ_SECONDS=N also runs each for N seconds,

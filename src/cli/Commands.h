@@ -38,5 +38,7 @@ std::vector<Command> addTriggerCommands(CLI::App& app, CommonOptions& common);
 Command addTimerCommand(CLI::App& app, CommonOptions& common);
 Command addTimersCommand(CLI::App& app, CommonOptions& common);
 Command addSettingsCommand(CLI::App& app, CommonOptions& common);
+// web, dav.
+std::vector<Command> addWebCommands(CLI::App& app, CommonOptions& common);
 
 }  // namespace tw::cli

@@ -18,6 +18,12 @@ void addDeviceOptions(CLI::App* sub, CommonOptions& common, roles::DeviceRunOpti
         ->capture_default_str();
 }
 
+// The home screen's servers listen on loopback; `tapwright web|dav start` starts them.
+void addServerPortOptions(CLI::App* sub, roles::DeviceRunOptions& options) {
+    sub->add_option("--web-port", options.webPort, "Port of the web server (0: a free port)")->capture_default_str();
+    sub->add_option("--dav-port", options.davPort, "Port of the WebDAV server (0: a free port)")->capture_default_str();
+}
+
 volatile sig_atomic_t stopRequested = 0;
 void onStopSignal(int) { stopRequested = 1; }
 
@@ -34,12 +40,15 @@ Command addRoleCommand(CLI::App& app, CommonOptions& common) {
     sub->add_option("bundle", *bundle, "Bundle identifier of the role")->required();
     addDeviceOptions(sub, common, *options);
     sub->add_option("--trace", options->trace, "Append the event trace (JSON Lines) to FILE (input-event role)");
+    addServerPortOptions(sub, *options);
     return {sub, [&common, options, bundle] {
                 roles::RoleOptions role;
                 role.root = deviceRoot(common);
                 role.bundleId = *bundle;
                 role.profile = roles::loadProfile(options->profile);
                 if (!options->trace.empty()) role.traceFile = options->trace;
+                role.webPort = options->webPort;
+                role.davPort = options->davPort;
                 return roles::runRole(role);
             }};
 }
@@ -55,6 +64,7 @@ Command addDeviceCommand(CLI::App& app, CommonOptions& common) {
     addDeviceOptions(sub, common, *options);
     sub->add_option("--trace", options->trace, "Write the event trace (JSON Lines) to FILE, emptied first");
     sub->add_option("--screen", options->screen, "Show this picture (BMP or PNG) on the display")->check(CLI::ExistingFile);
+    addServerPortOptions(sub, *options);
     return {sub, [&common, options] {
                 options->root = deviceRoot(common);
                 return roles::runDevice(*options);

@@ -26,18 +26,8 @@ namespace tw::cli {
 
 namespace {
 
-// Sends one message to the commands port of the device on `root` and waits until the home screen
-// has taken it. Fails when no device runs there.
 void sendCommand(const std::string& root, int32_t msgid, const Bytes& data) {
-    linuxp::UnixMessagePortService ports(roles::runDirOf(root) + "/ports");
-    auto port = ports.createRemote(kCommandsPortName);
-    if (!port || !port->isValid())
-        fail("no device runs on " + root + " (start one with `tapwright device`)");
-    Payload reply;
-    const PortStatus status = port->sendRequest(msgid, data, kPortSendTimeout, kPortReceiveTimeout, true, &reply);
-    if (status != PortStatus::Success)
-        fail("the device on " + root + " did not take the message (port status " +
-             std::to_string(static_cast<int32_t>(status)) + ")");
+    roles::sendCommandsMessage(root, msgid, data, false);
 }
 
 Bytes int32Payload(int32_t value) {

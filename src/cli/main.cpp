@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
         tw::cli::addRoleCommand(app, common),
     };
     for (auto& command : tw::cli::addTriggerCommands(app, common)) commands.push_back(std::move(command));
+    for (auto& command : tw::cli::addWebCommands(app, common)) commands.push_back(std::move(command));
 
     try {
         app.parse(argc, argv);

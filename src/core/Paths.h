@@ -9,6 +9,8 @@ namespace tw {
 inline constexpr const char* kScriptsPath = "/var/mobile/Library/Tapwright/Scripts";
 inline constexpr const char* kLibraryPath = "/var/mobile/Library/Tapwright/Library";
 inline constexpr const char* kTimersPath = "/var/mobile/Library/Tapwright/Library/timers";
+// The web servers' password, as a digest file (no file: no password).
+inline constexpr const char* kWebPasswordPath = "/var/mobile/Library/Tapwright/Library/web-password";
 inline constexpr const char* kLogPath = "/var/mobile/Library/Tapwright/Library/log.log";
 inline constexpr const char* kDatabaseFileName = "data.sqlite3";
 inline constexpr const char* kAppPath = "/Applications/Tapwright.app";

@@ -14,6 +14,7 @@ class Display;
 class DistributedNotificationCenter;
 class HidEventClientFactory;
 class HidEventSystem;
+class LocalNetwork;
 class MessagePortService;
 class Pasteboard;
 class Sleeper;
@@ -43,6 +44,8 @@ struct Platform {
     std::shared_ptr<Display> display;
     // The trigger framework; present in the home-screen role.
     std::shared_ptr<ActivatorFramework> activator;
+    // Reachability, the device's address and service advertisement; present in the home-screen role.
+    std::shared_ptr<LocalNetwork> network;
 
     static Platform& current();
     static void install(Platform platform);

@@ -11,6 +11,7 @@
 #include "platform/UserDefaults.h"
 #include "schedule/KeyedArchive.h"
 #include "schedule/TimerManager.h"
+#include "web/WebServerManager.h"
 
 namespace tw {
 
@@ -57,6 +58,8 @@ Payload commandsPortCallBack(int32_t msgid, const Payload& data) {
         }
     if (msgid == kMsgAddTimer) addTimer(data);
     if (msgid == kMsgRemoveTimer) removeTimer(data);
+    if (msgid >= kMsgIsWifiAvailable && msgid <= kMsgWebDAVServerAddress)
+        return WebServerManager::sharedInstance().handleCommand(msgid);
     return std::nullopt;
 }
 

@@ -1,13 +1,14 @@
 #pragma once
 // The home-screen role's settings and commands port, "me.tapwright.twtweak.springboard": what the
-// settings application sends (ids 7 to 15 here; the servers' ids 17 to 25 come with the web
-// service). Every message is one-way in effect: none of these ids has a reply.
+// settings application sends.
 //
 //   7 to 12  4 bytes, a 32-bit integer in device byte order: stored as a bool (not 0) under the
 //            setting of kSettingMessages
 //   13       4 bytes: the integer itself under "TAPWRIGHT.SETTINGS.LANGUAGE"
 //   14       a keyed archive of one Timer: TimerManager add
 //   15       a zero-terminated UTF-8 script path: TimerManager remove (empty data is ignored)
+//   17 to 25 the web and WebDAV servers (WebServerManager::handleCommand): start, stop, running
+//            flags and Wi-Fi as yes/no replies (101/102), addresses as UTF-8 text
 //
 // Any other id, and a payload of the wrong length, is dropped in silence.
 #include <cstdint>
@@ -49,7 +50,8 @@ inline constexpr SettingMessage kSettingMessages[] = {
 };
 
 // The port's callback: acts on one message (the settings in the platform's standard defaults, the
-// timers through TimerManager's shared instance) and returns the reply, none for these ids. Never
+// timers through TimerManager's shared instance, the servers through WebServerManager's) and
+// returns the reply. Never
 // throws: a timer archive that cannot be read is logged as "Exception: <reason>" on the
 // diagnostic line and dropped.
 Payload commandsPortCallBack(int32_t msgid, const Payload& data);

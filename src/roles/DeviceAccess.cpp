@@ -146,4 +146,18 @@ void saveScreenshot(const std::string& root, const linuxp::DeviceProfile& profil
         fail("cannot save a screenshot to " + target + " (does a device run on " + root + "?)");
 }
 
+Payload sendCommandsMessage(const std::string& root, int32_t msgid, const Bytes& data, bool expectReply,
+                            double receiveTimeout) {
+    linuxp::UnixMessagePortService ports(runDirOf(root) + "/ports");
+    auto port = ports.createRemote(kCommandsPortName);
+    if (!port || !port->isValid()) fail("no device runs on " + root + " (start one with `tapwright device`)");
+    Payload reply;
+    const PortStatus status = port->sendRequest(msgid, data, kPortSendTimeout, receiveTimeout, true, &reply);
+    if (status != PortStatus::Success)
+        fail("the device on " + root + " did not take the message (port status " +
+             std::to_string(static_cast<int32_t>(status)) + ")");
+    if (expectReply && !reply) fail("the device on " + root + " sent no reply to message " + std::to_string(msgid));
+    return reply;
+}
+
 }  // namespace tw::roles

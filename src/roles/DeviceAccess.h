@@ -8,6 +8,8 @@
 #include <string>
 
 #include "device/HidHubClient.h"
+#include "injection/records/MessageIds.h"
+#include "platform/Bytes.h"
 #include "device/ImageFile.h"
 #include "platform/linux/ProfileDeviceInfo.h"
 
@@ -53,6 +55,12 @@ void showPicture(const std::string& root, const device::Picture& picture);
 
 // Empties (or creates) a trace file so a new run starts it afresh; throws a Failure when it cannot.
 void startTraceFile(const std::string& path);
+
+// Sends one message to the commands port of the device on `root` and waits until the home screen
+// has taken it; returns its reply when `expectReply`. Throws a Failure when no device runs there
+// or it does not answer.
+Payload sendCommandsMessage(const std::string& root, int32_t msgid, const Bytes& data, bool expectReply,
+                            double receiveTimeout = kPortReceiveTimeout);
 
 // Sends hardware input lines to the device on `root`; throws a Failure when no device runs there.
 void sendHardwareInput(const std::string& root, const std::vector<device::TimedHardwareLine>& lines);

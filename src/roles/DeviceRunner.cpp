@@ -48,7 +48,8 @@ int runDevice(const DeviceRunOptions& options) {
     supervisor.addRole(kInputEventBundleId, inputArgs);
     const std::string app = deviceAppBundleId(profile);
     if (!app.empty()) supervisor.addRole(app);
-    supervisor.addRole(kHomeScreenBundleId);
+    supervisor.addRole(kHomeScreenBundleId, {"--web-port", std::to_string(options.webPort), "--dav-port",
+                                             std::to_string(options.davPort)});
 
     struct sigaction action {};
     action.sa_handler = onStopSignal;

@@ -17,6 +17,7 @@
 #include "device/HubEventClient.h"
 #include "device/VirtualDisplay.h"
 #include "platform/Platform.h"
+#include "platform/linux/LinuxNetwork.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/PlistUserDefaults.h"
 #include "platform/linux/UnixMessagePorts.h"
@@ -96,6 +97,7 @@ std::shared_ptr<linuxp::AsioRunLoop> installProcess(const ProcessSetup& setup) {
         platform.activator = std::make_shared<device::DeviceActivator>(
             Paths::root(), [apps = platform.apps] { return apps->frontmostApplication().value_or(""); });
         FileManager::setTimersReader(TimerManager::archivedScriptPaths);
+        platform.network = std::make_shared<linuxp::LinuxNetwork>();
     }
     Platform::install(std::move(platform));
     return loop;

@@ -31,6 +31,7 @@
 #include "roles/ProcessWiring.h"
 #include "roles/RoleSelection.h"
 #include "ui/ConsoleUserInterface.h"
+#include "web/WebServerManager.h"
 
 namespace tw::roles {
 
@@ -160,6 +161,14 @@ int runRole(const RoleOptions& options) {
     std::shared_ptr<LocalPort> commands;
     if (roles.homeScreen) {
         installAppResources(Paths::root());
+        // The servers whose auto-launch setting is on start with the shared state, before the
+        // library folders are made; they only touch the folders when asked.
+        WebServerConfig web;
+        web.bindAddress = "127.0.0.1";
+        web.webPort = options.webPort;
+        web.davPort = options.davPort;
+        WebServerManager::sharedInstance().configure(web);
+        WebServerManager::sharedInstance().launchAtStartUp();
         ActionListener::load();
         // The device's buttons, pressed by a person, fire trigger events.
         const auto& platform = Platform::current();
@@ -182,6 +191,7 @@ int runRole(const RoleOptions& options) {
 
     control.reset();
     if (commands) commands->invalidate();
+    if (roles.homeScreen) WebServerManager::sharedInstance().reset();
     keyboard.reset();
     location.reset();
     if (injector && injector->port()) injector->port()->invalidate();

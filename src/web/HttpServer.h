@@ -23,6 +23,10 @@ namespace tw::web {
 inline constexpr const char* kDigestRealm = "Tapwright";
 inline constexpr const char* kDigestUser = "tapwright";
 
+// Writes the password file of the servers (one digest line for kDigestUser in kDigestRealm,
+// replaced atomically); an empty password removes the file. False with the reason on failure.
+bool writePasswordFile(const std::string& path, const std::string& password, std::string* error);
+
 // One request, as a handler sees it, and the means to answer it. A handler answers exactly once.
 class HttpRequest {
 public:
@@ -47,6 +51,14 @@ public:
     std::optional<std::string> readBody(size_t limit);
     // The body of a URL-encoded form, split into its decoded fields (at most `limit` bytes read).
     std::optional<std::map<std::string, std::string>> readUrlEncodedForm(size_t limit);
+    // The files of a multipart form body, each streamed into a new temporary file in `folder` as it
+    // arrives, in the order of the form; nullopt (with no file left behind) when the body is not a
+    // well-formed multipart form or cannot be stored. The caller removes the files it does not keep.
+    struct UploadedFile {
+        std::string fieldName, fileName, tempPath;
+        int64_t size = 0;
+    };
+    std::optional<std::vector<UploadedFile>> receiveMultipartFiles(const std::string& folder);
 
     // ---- Answers.
     // Any status with extra header lines ("Name: value", without line ends) and a body.
@@ -67,6 +79,7 @@ public:
     mg_connection* connection() const { return conn_; }
 
 private:
+    friend class HttpServer;
     mg_connection* conn_;
     std::string method_, path_, rawPath_, query_;
     bool answered_ = false;

@@ -28,6 +28,7 @@ public:
     bool start(const std::string& bindAddress, uint16_t port, uint16_t upstreamPort, std::string* error);
     void stop();
     uint16_t port() const { return port_; }
+    uint16_t upstreamPort() const { return upstreamPort_; }
 
     // The request head (request line and header lines, up to and including the empty line) as the
     // relay passes it on; empty when the request line is malformed.

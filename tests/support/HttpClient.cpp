@@ -4,140 +4,143 @@
 #include <netinet/in.h>
 #include <openssl/evp.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
+#include <cctype>
 
 namespace tw::test {
 
 namespace {
 
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    return text;
+std::string lower(std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
+    return s;
 }
 
 std::string md5Hex(const std::string& text) {
     unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
+    unsigned length = 0;
     EVP_Digest(text.data(), text.size(), digest, &length, EVP_md5(), nullptr);
+    static const char kHex[] = "0123456789abcdef";
     std::string out;
-    char hex[3];
-    for (unsigned int i = 0; i < length; ++i) {
-        std::snprintf(hex, sizeof hex, "%02x", digest[i]);
-        out += hex;
+    for (unsigned i = 0; i < length; ++i) {
+        out += kHex[digest[i] >> 4];
+        out += kHex[digest[i] & 15];
     }
     return out;
 }
 
-// The value of `name`="value" (or name=value) in a challenge.
-std::string challengeField(const std::string& challenge, const std::string& name) {
-    size_t at = challenge.find(name + "=");
+// The value of `name="..."` (or name=value) in a challenge header.
+std::string challengeField(const std::string& header, const std::string& name) {
+    const size_t at = header.find(name + "=");
     if (at == std::string::npos) return "";
-    at += name.size() + 1;
-    if (challenge[at] == '"') return challenge.substr(at + 1, challenge.find('"', at + 1) - at - 1);
-    return challenge.substr(at, challenge.find_first_of(", ", at) - at);
+    size_t from = at + name.size() + 1;
+    if (from < header.size() && header[from] == '"') return header.substr(from + 1, header.find('"', from + 1) - from - 1);
+    return header.substr(from, header.find_first_of(", ", from) - from);
 }
 
-// The body after the head: chunked bodies are joined; false when it is cut short.
-bool decodeBody(const HttpResponse& r, const std::string& raw, std::string* body) {
-    if (lower(r.header("transfer-encoding")).find("chunked") == std::string::npos) {
-        const std::string length = r.header("content-length");
-        if (!length.empty() && raw.size() < std::stoull(length)) return false;
-        *body = length.empty() ? raw : raw.substr(0, std::stoull(length));
-        return true;
+std::string dechunk(const std::string& body) {
+    std::string out;
+    size_t at = 0;
+    while (at < body.size()) {
+        const size_t lineEnd = body.find("\r\n", at);
+        if (lineEnd == std::string::npos) break;
+        const size_t size = std::stoul(body.substr(at, lineEnd - at), nullptr, 16);
+        if (size == 0) break;
+        out += body.substr(lineEnd + 2, size);
+        at = lineEnd + 2 + size + 2;
     }
-    size_t pos = 0;
-    for (;;) {
-        const size_t lineEnd = raw.find("\r\n", pos);
-        if (lineEnd == std::string::npos) return false;
-        const size_t size = std::stoul(raw.substr(pos, lineEnd - pos), nullptr, 16);
-        if (size == 0) return true;
-        if (lineEnd + 2 + size > raw.size()) return false;
-        body->append(raw, lineEnd + 2, size);
-        pos = lineEnd + 2 + size + 2;
-    }
+    return out;
 }
 
-}  // namespace
-
-std::string HttpResponse::header(const std::string& name) const {
-    auto it = headers.find(lower(name));
-    return it == headers.end() ? "" : it->second;
-}
-
-HttpResponse httpRequest(uint16_t port, const std::string& method, const std::string& target,
-                         const HttpHeaders& headers, const std::string& body) {
-    HttpResponse response;
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return response;
-    timeval timeout{10, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+HttpReply exchange(uint16_t port, const std::string& wire, bool endSending) {
+    HttpReply reply;
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         ::close(fd);
-        return response;
+        return reply;
     }
-    std::string request = method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
-                          "\r\nConnection: close\r\n";
-    bool hasLength = false;
-    for (const auto& [name, value] : headers) {
-        hasLength = hasLength || lower(name) == "content-length";
-        request += name + ": " + value + "\r\n";
-    }
-    if (!hasLength) request += "Content-Length: " + std::to_string(body.size()) + "\r\n";
-    request += "\r\n" + body;
-    for (size_t sent = 0; sent < request.size();) {
-        const ssize_t n = ::send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) break;
+    for (size_t sent = 0; sent < wire.size();) {
+        const ssize_t n = ::send(fd, wire.data() + sent, wire.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) break;  // the server may answer before taking the whole body
         sent += static_cast<size_t>(n);
     }
-    ::shutdown(fd, SHUT_WR);
+    if (endSending) ::shutdown(fd, SHUT_WR);
     std::string raw;
-    char buffer[16384];
+    char buffer[65536];
     for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) raw.append(buffer, static_cast<size_t>(n));
     ::close(fd);
-
-    const size_t headEnd = raw.find("\r\n\r\n");
-    if (headEnd == std::string::npos || raw.compare(0, 5, "HTTP/") != 0) return response;
-    size_t pos = raw.find("\r\n");
-    const int status = std::atoi(raw.c_str() + raw.find(' ') + 1);
-    while (pos < headEnd) {
-        const size_t next = raw.find("\r\n", pos + 2);
-        const std::string line = raw.substr(pos + 2, next - pos - 2);
+    const size_t headerEnd = raw.find("\r\n\r\n");
+    if (headerEnd == std::string::npos || raw.compare(0, 5, "HTTP/") != 0) return reply;
+    reply.status = std::atoi(raw.c_str() + raw.find(' ') + 1);
+    size_t at = raw.find("\r\n") + 2;
+    while (at < headerEnd) {
+        const size_t end = raw.find("\r\n", at);
+        const std::string line = raw.substr(at, end - at);
         const size_t colon = line.find(':');
-        if (colon != std::string::npos) {
-            const size_t start = line.find_first_not_of(' ', colon + 1);
-            response.headers[lower(line.substr(0, colon))] = start == std::string::npos ? "" : line.substr(start);
-        }
-        pos = next;
+        if (colon != std::string::npos)
+            reply.headers[lower(line.substr(0, colon))] = line.substr(line.find_first_not_of(' ', colon + 1));
+        at = end + 2;
     }
-    if (method != "HEAD" && !decodeBody(response, raw.substr(headEnd + 4), &response.body)) return response;
-    response.status = status;
-    return response;
+    reply.body = raw.substr(headerEnd + 4);
+    if (lower(reply.header("transfer-encoding")) == "chunked") reply.body = dechunk(reply.body);
+    return reply;
 }
 
-std::string digestAuthorization(const std::string& challenge, const std::string& user, const std::string& password,
-                                const std::string& method, const std::string& target) {
+bool declaresLength(const HttpRequestSpec& request) {
+    for (const auto& header : request.headers)
+        if (lower(header.substr(0, header.find(':'))) == "content-length") return true;
+    return false;
+}
+
+std::string wireOf(const HttpRequestSpec& request, const std::string& authorization) {
+    std::string wire = request.method + " " + request.target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
+    for (const auto& header : request.headers) wire += header + "\r\n";
+    if (!authorization.empty()) wire += "Authorization: " + authorization + "\r\n";
+    if (!declaresLength(request)) wire += "Content-Length: " + std::to_string(request.body.size()) + "\r\n";
+    return wire + "\r\n" + request.body;
+}
+
+}  // namespace
+
+HttpReply httpRequest(uint16_t port, const HttpRequestSpec& request) {
+    HttpReply reply = exchange(port, wireOf(request, ""), declaresLength(request));
+    const std::string challenge = reply.header("www-authenticate");
+    if (reply.status != 401 || request.password.empty() || challenge.rfind("Digest", 0) != 0) return reply;
     const std::string realm = challengeField(challenge, "realm"), nonce = challengeField(challenge, "nonce");
-    const std::string opaque = challengeField(challenge, "opaque");
-    const std::string ha1 = md5Hex(user + ":" + realm + ":" + password), ha2 = md5Hex(method + ":" + target);
-    const std::string nc = "00000001", cnonce = "0a4f113b";
-    const std::string answer = md5Hex(ha1 + ":" + nonce + ":" + nc + ":" + cnonce + ":auth:" + ha2);
-    std::string out = "Digest username=\"" + user + "\", realm=\"" + realm + "\", nonce=\"" + nonce + "\", uri=\"" +
-                      target + "\", qop=auth, nc=" + nc + ", cnonce=\"" + cnonce + "\", response=\"" + answer + "\"";
-    if (!opaque.empty()) out += ", opaque=\"" + opaque + "\"";
+    const std::string uri = request.target, nc = "00000001", cnonce = "0a4f113b";
+    const std::string ha1 = md5Hex(request.user + ":" + realm + ":" + request.password);
+    const std::string ha2 = md5Hex(request.method + ":" + uri);
+    const std::string response = md5Hex(ha1 + ":" + nonce + ":" + nc + ":" + cnonce + ":auth:" + ha2);
+    const std::string authorization = "Digest username=\"" + request.user + "\", realm=\"" + realm + "\", nonce=\"" +
+                                      nonce + "\", uri=\"" + uri + "\", qop=auth, nc=" + nc + ", cnonce=\"" + cnonce +
+                                      "\", response=\"" + response + "\"";
+    return exchange(port, wireOf(request, authorization), declaresLength(request));
+}
+
+std::string urlEncode(const std::string& text) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : text) {
+        if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~' || c == '/')
+            out += static_cast<char>(c);
+        else {
+            out += '%';
+            out += kHex[c >> 4];
+            out += kHex[c & 15];
+        }
+    }
     return out;
 }
 
-std::string digestPasswordLine(const std::string& user, const std::string& realm, const std::string& password) {
-    return user + ":" + realm + ":" + md5Hex(user + ":" + realm + ":" + password);
+std::string multipartBody(const std::string& boundary, const std::string& fileName, const std::string& content) {
+    return "--" + boundary + "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + fileName +
+           "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + content + "\r\n--" + boundary + "--\r\n";
 }
 
 }  // namespace tw::test

@@ -1,37 +1,41 @@
 #pragma once
-// A plain HTTP/1.1 client for tests of the web servers: one request per connection to a loopback
-// port, the answer read to its end (Content-Length, chunked or up to the close).
+// A small HTTP/1.1 client for the server tests: one request per connection over loopback, the
+// reply read whole (Content-Length, chunked or until the server closes). With a password it answers
+// a digest challenge once, as a browser does.
 #include <cstdint>
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace tw::test {
 
-using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
-
-struct HttpResponse {
-    int status = 0;  // 0: no answer (the connection failed or the answer was cut short)
+struct HttpReply {
+    int status = 0;  // 0: no reply (connection refused or broken)
     std::map<std::string, std::string> headers;  // names in lower case
     std::string body;
-    // The header's value; "" when absent.
-    std::string header(const std::string& name) const;
+    std::string header(const std::string& lowerName) const {
+        auto it = headers.find(lowerName);
+        return it == headers.end() ? "" : it->second;
+    }
 };
 
-// Sends `method` `target` (sent as written: encode it yourself) with `headers` and `body` to
-// 127.0.0.1:`port`. Host, Connection: close and (unless `headers` has one) Content-Length are added.
-// A Content-Length in `headers` longer than `body` makes a request that breaks off midway: the
-// client stops sending after `body` and reads the answer.
-HttpResponse httpRequest(uint16_t port, const std::string& method, const std::string& target,
-                         const HttpHeaders& headers = {}, const std::string& body = "");
+struct HttpRequestSpec {
+    std::string method = "GET";
+    std::string target = "/";  // path and query, sent as written
+    // "Name: value". A Content-Length here replaces the body's own: one longer than the body makes
+    // a request that breaks off, the client stopping its sending after the body.
+    std::vector<std::string> headers;
+    std::string body;
+    std::string user, password;  // digest credentials, when the server asks
+};
 
-// The Authorization header value answering a digest challenge (the WWW-Authenticate value of a
-// 401) for `user` and `password`, for one request of `method` on `target`.
-std::string digestAuthorization(const std::string& challenge, const std::string& user, const std::string& password,
-                                const std::string& method, const std::string& target);
+HttpReply httpRequest(uint16_t port, const HttpRequestSpec& request);
+inline HttpReply httpGet(uint16_t port, const std::string& target) { return httpRequest(port, {"GET", target}); }
 
-// The line a digest password file holds for `user` in `realm`: "user:realm:HA1".
-std::string digestPasswordLine(const std::string& user, const std::string& realm, const std::string& password);
+// Percent-encodes everything but unreserved characters and '/'.
+std::string urlEncode(const std::string& text);
+
+// A multipart/form-data body with one file field; `boundary` names its separator.
+std::string multipartBody(const std::string& boundary, const std::string& fileName, const std::string& content);
 
 }  // namespace tw::test

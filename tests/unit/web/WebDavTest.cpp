@@ -17,8 +17,7 @@ namespace tw::web {
 namespace {
 
 namespace fs = std::filesystem;
-using test::httpRequest;
-using test::HttpHeaders;
+using Headers = std::vector<std::string>;
 
 class WebDavTest : public test::EngineFixture {
 protected:
@@ -36,12 +35,12 @@ protected:
         options.passwordFile = passwordFile;
         ASSERT_TRUE(server->start(options));
     }
-    test::HttpResponse request(const std::string& method, const std::string& target, const HttpHeaders& headers = {},
-                               const std::string& body = "") {
-        return httpRequest(server->port(), method, target, headers, body);
+    test::HttpReply request(const std::string& method, const std::string& target, const Headers& headers = {},
+                            const std::string& body = "", const std::string& password = "") {
+        return test::httpRequest(server->port(), {method, target, headers, body, kDigestUser, password});
     }
     std::string propfindColor(const std::string& target) {
-        return request("PROPFIND", target, {{"Depth", "0"}},
+        return request("PROPFIND", target, {"Depth: 0"},
                        "<propfind xmlns='DAV:'><prop><color xmlns='urn:x'/></prop></propfind>")
             .body;
     }
@@ -59,11 +58,11 @@ TEST_F(WebDavTest, NoRequestReachesOutsideTheServedFolder) {
     test::writeFile(scripts + "/in.txt", "in");
     fs::create_directory_symlink(outside, scripts + "/link");
     const std::string up = "/../../../../..", encodedUp = "/%2e%2e/%2e%2E/%2E%2e/%2e%2e/%2e%2e";
-    const std::string self = "http://127.0.0.1:" + std::to_string(server->port());
+    const std::string self = "http://127.0.0.1";  // the test client's Host
 
     struct Case {
         std::string method, target;
-        HttpHeaders headers;
+        Headers headers;
     };
     const std::vector<Case> cases = {
         {"GET", "/link/secret.txt", {}},
@@ -73,11 +72,11 @@ TEST_F(WebDavTest, NoRequestReachesOutsideTheServedFolder) {
         {"DELETE", "/link/secret.txt", {}},
         {"MKCOL", "/link/made", {}},
         {"PROPPATCH", "/link/secret.txt", {}},
-        {"COPY", "/in.txt", {{"Destination", up + "/outside/new.txt"}}},
-        {"COPY", "/in.txt", {{"Destination", self + encodedUp + "/outside/new.txt"}}},
-        {"COPY", "/link/secret.txt", {{"Destination", "/stolen.txt"}}},
-        {"MOVE", "/in.txt", {{"Destination", "/link/new.txt"}}},
-        {"MOVE", "/in.txt", {{"Destination", self + "/link%2fnew.txt"}}},
+        {"COPY", "/in.txt", {"Destination: " + up + "/outside/new.txt"}},
+        {"COPY", "/in.txt", {"Destination: " + self + encodedUp + "/outside/new.txt"}},
+        {"COPY", "/link/secret.txt", {"Destination: /stolen.txt"}},
+        {"MOVE", "/in.txt", {"Destination: /link/new.txt"}},
+        {"MOVE", "/in.txt", {"Destination: " + self + "/link%2fnew.txt"}},
         {"LOCK", "/link/new.txt", {}},
     };
     for (const auto& c : cases) {
@@ -85,7 +84,7 @@ TEST_F(WebDavTest, NoRequestReachesOutsideTheServedFolder) {
         EXPECT_TRUE(r.status >= 400 && r.status < 500) << c.method << " " << c.target << ": " << r.status;
         EXPECT_EQ(r.body.find("secret\n"), std::string::npos);
     }
-    const auto listing = request("PROPFIND", "/", {{"Depth", "infinity"}});
+    const auto listing = request("PROPFIND", "/", {"Depth: infinity"});
     EXPECT_EQ(listing.status, 207);
     EXPECT_THAT(listing.body, testing::HasSubstr("<D:href>/in.txt</D:href>"));
     EXPECT_THAT(listing.body, testing::Not(testing::HasSubstr("secret")));
@@ -100,7 +99,7 @@ TEST_F(WebDavTest, NoRequestReachesOutsideTheServedFolder) {
 
 TEST_F(WebDavTest, AnUploadThatBreaksOffLeavesTheOldFileAndNoTemporaryOne) {
     test::writeFile(scripts + "/a.lua", "old");
-    const auto r = request("PUT", "/a.lua", {{"Content-Length", "100000"}}, std::string(5000, 'x'));
+    const auto r = request("PUT", "/a.lua", {"Content-Length: 100000"}, std::string(5000, 'x'));
     EXPECT_EQ(r.status, 400);
     EXPECT_EQ(test::readFile(scripts + "/a.lua"), "old");
     for (const auto& e : fs::directory_iterator(scripts))
@@ -137,7 +136,7 @@ TEST_F(WebDavTest, AScriptsPlaySettingsFollowItsMoveAndGoWithItsDeletion) {
     settings.repeatTime = 7;
     ASSERT_TRUE(DataManager::insertPlaySettings(settings));
 
-    EXPECT_EQ(request("MOVE", "/a.lua", {{"Destination", "/sub/b.lua"}}).status, 201);
+    EXPECT_EQ(request("MOVE", "/a.lua", {"Destination: /sub/b.lua"}).status, 201);
     EXPECT_FALSE(DataManager::findPlaySettingsByScriptTitle("/a.lua"));
     const auto moved = DataManager::findPlaySettingsByScriptTitle("/sub/b.lua");
     ASSERT_TRUE(moved);
@@ -149,21 +148,17 @@ TEST_F(WebDavTest, AScriptsPlaySettingsFollowItsMoveAndGoWithItsDeletion) {
 
 TEST_F(WebDavTest, RelayedMethodsPassDigestAuthenticationComputedOverTheirOwnName) {
     const std::string passwords = root->str() + "/passwords";
-    test::writeFile(passwords, test::digestPasswordLine(kDigestUser, kDigestRealm, "pw") + "\n");
+    std::string error;
+    ASSERT_TRUE(writePasswordFile(passwords, "pw", &error)) << error;
     server->stop();
     start(passwords);
     test::writeFile(scripts + "/a.lua", "x");
 
     for (const std::string method : {"COPY", "MOVE"}) {
-        const std::string target = "/a.lua";
-        const HttpHeaders destination = {{"Destination", "/" + method + ".lua"}};
-        const auto challenge = request(method, target, destination);
-        ASSERT_EQ(challenge.status, 401) << method;
+        const Headers destination = {"Destination: /" + method + ".lua"};
+        EXPECT_EQ(request(method, "/a.lua", destination).status, 401) << method;
         EXPECT_FALSE(fs::exists(scripts + "/" + method + ".lua"));
-        HttpHeaders headers = destination;
-        headers.push_back({"Authorization", test::digestAuthorization(challenge.header("WWW-Authenticate"), kDigestUser,
-                                                                      "pw", method, target)});
-        EXPECT_EQ(request(method, target, headers).status, 201) << method;
+        EXPECT_EQ(request(method, "/a.lua", destination, "", "pw").status, 201) << method;
         EXPECT_TRUE(fs::exists(scripts + "/" + method + ".lua")) << method;
     }
 }
