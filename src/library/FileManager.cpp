@@ -285,11 +285,13 @@ std::string FileManager::fullPathOfFile(const std::string& path) {
     return path.empty() || path.front() == '/' ? rootPath() + path : rootPath() + "/" + path;
 }
 
-bool FileManager::isInsideLibrary(const std::string& path) {
+bool FileManager::isInsideLibrary(const std::string& path) { return isInsideFolder(rootPath(), fullPathOfFile(path)); }
+
+bool FileManager::isInsideFolder(const std::string& folderFullPath, const std::string& fullPath) {
     std::error_code ec;
-    const fs::path root = fs::weakly_canonical(rootPath(), ec);
+    const fs::path root = fs::weakly_canonical(folderFullPath, ec);
     if (ec) return false;
-    const fs::path resolved = fs::weakly_canonical(fullPathOfFile(path), ec);
+    const fs::path resolved = fs::weakly_canonical(fullPath, ec);
     if (ec) return false;
     // Component by component: "/Scripts-old" does not lie inside "/Scripts".
     return std::mismatch(root.begin(), root.end(), resolved.begin(), resolved.end()).first == root.end();

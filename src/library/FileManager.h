@@ -82,6 +82,8 @@ public:
     // True when the library path stays inside the library root once ".." and symbolic links are
     // resolved (what does not exist yet is taken as written). Commands and routes refuse the rest.
     static bool isInsideLibrary(const std::string& path);
+    // The same test for a full disk path and any folder (the WebDAV server's root, for one).
+    static bool isInsideFolder(const std::string& folderFullPath, const std::string& fullPath);
     static bool fileExist(const std::string& path);
     static bool fileIsDirectory(const std::string& path);
     // Logs "Failed to get the attributes of file: <full path>" when there are none.

@@ -20,6 +20,7 @@
 
 #include "core/AtomicFile.h"
 #include "core/Diagnostics.h"
+#include "web/MethodRelay.h"
 
 namespace tw::web {
 
@@ -95,6 +96,10 @@ HttpRequest::HttpRequest(mg_connection* conn) : conn_(conn) {
     const size_t q = rawPath_.find('?');
     if (q != std::string::npos) rawPath_.resize(q);
     query_ = info->query_string ? info->query_string : "";
+    // A method CivetWeb refuses, brought in by the server's MethodRelay.
+    if (method_ == "PATCH")
+        if (const char* relayed = mg_get_header(conn, kRelayedMethod))
+            if (!std::strcmp(relayed, "COPY") || !std::strcmp(relayed, "MOVE")) method_ = relayed;
 }
 
 std::optional<std::string> HttpRequest::query(const std::string& name) const {
@@ -282,6 +287,9 @@ bool HttpServer::start(const HttpServerOptions& options, std::string* error) {
     mg_error_data errorData{};
     errorData.text = text;
     errorData.text_buffer_size = sizeof text;
+    // With the WebDAV methods CivetWeb listens on loopback only, behind the relay.
+    const std::string upstreamPorts = "127.0.0.1:0";
+    if (options.webDavMethods) config[1] = upstreamPorts.c_str();
     context_ = mg_start2(&init, &errorData);
     if (!context_) {
         if (error) *error = text[0] ? text : "cannot listen on " + ports;
@@ -291,6 +299,14 @@ bool HttpServer::start(const HttpServerOptions& options, std::string* error) {
     const int count = mg_get_server_ports(context_, 4, bound);
     port_ = count > 0 ? static_cast<uint16_t>(bound[0].port) : options.port;
     mg_set_request_handler(context_, "**", &HttpServer::dispatch, this);
+    if (options.webDavMethods) {
+        relay_ = std::make_unique<MethodRelay>();
+        if (!relay_->start(everywhere ? "0.0.0.0" : options.bindAddress, options.port, port_, error)) {
+            stop();
+            return false;
+        }
+        port_ = relay_->port();
+    }
     return true;
 }
 
@@ -298,13 +314,17 @@ void HttpServer::stop() {
     if (!context_) return;
     // CivetWeb's listener sees the stop only when its poll ends, up to two seconds later; a
     // connection ends the poll at once, so one is knocked on until the server is down.
+    // Behind a relay CivetWeb listens on a loopback port of its own.
+    const uint16_t listenerPort = relay_ ? relay_->upstreamPort() : port_;
+    relay_.reset();
     std::atomic<bool> stopped{false};
     std::thread knocker([&] {
-        const std::string host = options_.bindAddress.empty() || options_.bindAddress == "0.0.0.0"
+        const std::string host = listenerPort != port_ || options_.bindAddress.empty() ||
+                                         options_.bindAddress == "0.0.0.0"
                                      ? "127.0.0.1" : options_.bindAddress;
         sockaddr_in address{};
         address.sin_family = AF_INET;
-        address.sin_port = htons(port_);
+        address.sin_port = htons(listenerPort);
         if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) return;
         while (!stopped.load()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -335,8 +355,14 @@ int HttpServer::dispatch(mg_connection* conn, void* self) {
 bool HttpServer::authorized(HttpRequest& request) {
     // Read at each request: a password set or removed takes effect at once.
     if (options_.passwordFile.empty() || !fileExists(options_.passwordFile)) return true;
-    if (mg_check_digest_access_authentication(request.connection(), kDigestRealm, options_.passwordFile.c_str()) > 0)
-        return true;
+    // The digest covers the method the client sent, which a relayed request carries in a header.
+    auto* info = const_cast<mg_request_info*>(mg_get_request_info(request.connection()));
+    const char* received = info->request_method;
+    info->request_method = request.method().c_str();
+    const int checked = mg_check_digest_access_authentication(request.connection(), kDigestRealm,
+                                                              options_.passwordFile.c_str());
+    info->request_method = received;
+    if (checked > 0) return true;
     mg_send_digest_access_authentication_request(request.connection(), kDigestRealm);
     // The body of a refused request is never read; the connection closes after the answer.
     mg_disable_connection_keep_alive(request.connection());

@@ -94,7 +94,11 @@ struct HttpServerOptions {
     int threads = 8;
     int staticMaxAgeSeconds = 3600;         // the cache age of files sent with sendFile
     std::string passwordFile;               // "" or a missing file: no authentication
+    // COPY and MOVE reach the handlers too (through a MethodRelay: CivetWeb itself refuses them).
+    bool webDavMethods = false;
 };
+
+class MethodRelay;
 
 class HttpServer {
 public:
@@ -128,6 +132,7 @@ private:
     HttpHandler fallback_;
     HttpServerOptions options_;
     mg_context* context_ = nullptr;
+    std::unique_ptr<MethodRelay> relay_;
     uint16_t port_ = 0;
 };
 

@@ -8,9 +8,7 @@
 #include "platform/Platform.h"
 #include "platform/UserDefaults.h"
 #include "web/WebRoutes.h"
-#if __has_include("web/WebDav.h")
 #include "web/WebDav.h"
-#endif
 
 namespace tw {
 
@@ -88,12 +86,14 @@ void WebServerManager::startWebDAVServer() {
     std::lock_guard lock(mutex_);
     if (webDAVServer_ && webDAVServer_->isRunning()) return;
     auto server = std::make_unique<web::HttpServer>();
-#if __has_include("web/WebDav.h")
-    auto service = std::make_shared<WebDavService>(FileManager::rootPath(), Paths::libraryDir());
+    auto service = std::make_shared<web::WebDavService>(FileManager::rootPath(), Paths::libraryDir());
     server->setFallback([service](web::HttpRequest& request) { service->handle(request); });
-#endif
     davAdvertisement_.reset();
-    if (startServer(*server, optionsFor(config_.davPort), "WebDAV server"))
+    auto options = optionsFor(config_.davPort);
+    options.webDavMethods = true;
+    // Mounted files change under the client's eyes; it revalidates them instead of caching.
+    options.staticMaxAgeSeconds = 0;
+    if (startServer(*server, options, "WebDAV server"))
         if (auto network = Platform::current().network) davAdvertisement_ = network->advertise("_webdav._tcp", server->port());
     webDAVServer_ = std::move(server);
 }

@@ -54,7 +54,7 @@ std::string dechunk(const std::string& body) {
     return out;
 }
 
-HttpReply exchange(uint16_t port, const std::string& wire) {
+HttpReply exchange(uint16_t port, const std::string& wire, bool endSending) {
     HttpReply reply;
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
@@ -70,6 +70,7 @@ HttpReply exchange(uint16_t port, const std::string& wire) {
         if (n <= 0) break;  // the server may answer before taking the whole body
         sent += static_cast<size_t>(n);
     }
+    if (endSending) ::shutdown(fd, SHUT_WR);
     std::string raw;
     char buffer[65536];
     for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) raw.append(buffer, static_cast<size_t>(n));
@@ -91,18 +92,24 @@ HttpReply exchange(uint16_t port, const std::string& wire) {
     return reply;
 }
 
+bool declaresLength(const HttpRequestSpec& request) {
+    for (const auto& header : request.headers)
+        if (lower(header.substr(0, header.find(':'))) == "content-length") return true;
+    return false;
+}
+
 std::string wireOf(const HttpRequestSpec& request, const std::string& authorization) {
     std::string wire = request.method + " " + request.target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
     for (const auto& header : request.headers) wire += header + "\r\n";
     if (!authorization.empty()) wire += "Authorization: " + authorization + "\r\n";
-    wire += "Content-Length: " + std::to_string(request.body.size()) + "\r\n\r\n" + request.body;
-    return wire;
+    if (!declaresLength(request)) wire += "Content-Length: " + std::to_string(request.body.size()) + "\r\n";
+    return wire + "\r\n" + request.body;
 }
 
 }  // namespace
 
 HttpReply httpRequest(uint16_t port, const HttpRequestSpec& request) {
-    HttpReply reply = exchange(port, wireOf(request, ""));
+    HttpReply reply = exchange(port, wireOf(request, ""), declaresLength(request));
     const std::string challenge = reply.header("www-authenticate");
     if (reply.status != 401 || request.password.empty() || challenge.rfind("Digest", 0) != 0) return reply;
     const std::string realm = challengeField(challenge, "realm"), nonce = challengeField(challenge, "nonce");
@@ -113,7 +120,7 @@ HttpReply httpRequest(uint16_t port, const HttpRequestSpec& request) {
     const std::string authorization = "Digest username=\"" + request.user + "\", realm=\"" + realm + "\", nonce=\"" +
                                       nonce + "\", uri=\"" + uri + "\", qop=auth, nc=" + nc + ", cnonce=\"" + cnonce +
                                       "\", response=\"" + response + "\"";
-    return exchange(port, wireOf(request, authorization));
+    return exchange(port, wireOf(request, authorization), declaresLength(request));
 }
 
 std::string urlEncode(const std::string& text) {

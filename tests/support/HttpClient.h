@@ -22,7 +22,9 @@ struct HttpReply {
 struct HttpRequestSpec {
     std::string method = "GET";
     std::string target = "/";  // path and query, sent as written
-    std::vector<std::string> headers;  // "Name: value"
+    // "Name: value". A Content-Length here replaces the body's own: one longer than the body makes
+    // a request that breaks off, the client stopping its sending after the body.
+    std::vector<std::string> headers;
     std::string body;
     std::string user, password;  // digest credentials, when the server asks
 };
