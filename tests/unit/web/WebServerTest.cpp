@@ -13,7 +13,6 @@
 #include "core/Settings.h"
 #include "library/FileManager.h"
 #include "roles/CommandsPort.h"
-#include "store/DataManager.h"
 #include "web/WebRoutes.h"
 #include "web/WebServerManager.h"
 
@@ -184,20 +183,6 @@ INSTANTIATE_TEST_SUITE_P(
         RouteCase{"StaticOutsideTheSite", "/../outside.txt", "Not Found", 404},
         RouteCase{"StaticEncodedDotDot", "/%2e%2e/outside.txt", "Not Found", 404}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(WebServerTest, ListingPutsFoldersFirstWithIconsSizesAndMarks) {
-    test::writeFile(library + "/a.lua", "x");
-    test::writeFile(library + "/z/readme.txt", "y");
-    DataManager::initDb();
-    ASSERT_TRUE(DataManager::addActivatorTrigger(ActivatorTrigger("LAEventNameVolumeUpPress", kForWhatPlayScript, "/a.lua")));
-    const auto files = json(httpGet(startWeb(), "/files"))["files"];
-    ASSERT_EQ(files.size(), 2u);
-    EXPECT_EQ(files[0]["filePath"], "/z");
-    EXPECT_EQ(files[0]["iconName"], "folder@2x.png");
-    EXPECT_EQ(files[1]["filePath"], "/a.lua");
-    EXPECT_EQ(files[1]["fileSize"], " 1.0B");
-    EXPECT_EQ(files[1]["trigger"], true);
-}
 
 TEST_F(WebServerTest, UpdateWritesOnlyExistingFilesAndKeepsEveryByte) {
     test::writeFile(library + "/a.lua", "old");
