@@ -143,22 +143,6 @@ std::optional<XmlNode> parseXml(std::string_view body, std::string* error) {
     return std::move(state.root);
 }
 
-std::string escape(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            case '\r': out += "&#13;"; break;
-            default: out += c;
-        }
-    }
-    return out;
-}
-
 std::string serializeChildren(const XmlNode& node) {
     std::string out;
     for (const auto& child : node.children) serializeNode(child, out);

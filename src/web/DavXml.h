@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "web/HttpServer.h"
+
 namespace tw::web::dav {
 
 inline constexpr const char* kDavNamespace = "DAV:";
@@ -39,8 +41,8 @@ struct XmlNode {
 // well-formed, uses undeclared prefixes, holds a document type declaration or nests too deep.
 std::optional<XmlNode> parseXml(std::string_view body, std::string* error = nullptr);
 
-// `text` escaped for character data and attribute values.
-std::string escape(std::string_view text);
+// `text` escaped for character data and attribute values (the servers' one escaper).
+inline std::string escape(std::string_view text) { return escapeMarkup(text); }
 
 // The children of `node` as a self-contained XML fragment: every element declares its own
 // namespace, so the fragment means the same wherever it is placed.

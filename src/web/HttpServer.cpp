@@ -62,6 +62,23 @@ bool fileExists(const std::string& path) {
 
 }  // namespace
 
+std::string escapeMarkup(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        switch (c) {
+            case '&': out += "&amp;"; break;
+            case '<': out += "&lt;"; break;
+            case '>': out += "&gt;"; break;
+            case '"': out += "&quot;"; break;
+            case '\'': out += "&#39;"; break;
+            case '\r': out += "&#13;"; break;
+            default: out += c;
+        }
+    }
+    return out;
+}
+
 bool writePasswordFile(const std::string& path, const std::string& password, std::string* error) {
     if (password.empty()) {
         if (::unlink(path.c_str()) == 0 || errno == ENOENT) return true;

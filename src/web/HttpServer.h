@@ -23,6 +23,9 @@ namespace tw::web {
 inline constexpr const char* kDigestRealm = "Tapwright";
 inline constexpr const char* kDigestUser = "tapwright";
 
+// Text for HTML or XML: '&', '<', '>', '"', '\'' and carriage returns as character references.
+std::string escapeMarkup(std::string_view text);
+
 // Writes the password file of the servers (one digest line for kDigestUser in kDigestRealm,
 // replaced atomically); an empty password removes the file. False with the reason on failure.
 bool writePasswordFile(const std::string& path, const std::string& password, std::string* error);

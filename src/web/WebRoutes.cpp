@@ -114,7 +114,7 @@ void updateFile(HttpRequest& request) {
 }
 
 void sendUploadPage(HttpRequest& request, const std::string& message) {
-    request.sendHtml("<h2>" + htmlEscape(message) + "</h2><br/><a href=\"/\">To Home</a>");
+    request.sendHtml("<h2>" + escapeMarkup(message) + "</h2><br/><a href=\"/\">To Home</a>");
 }
 
 // Uploads to one name are taken one at a time, so two of them cannot both find it free.
@@ -168,22 +168,6 @@ void serveStatic(HttpRequest& request, const std::string& siteFolder) {
 
 }  // namespace
 
-std::string htmlEscape(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            case '\'': out += "&#39;"; break;
-            default: out += c;
-        }
-    }
-    return out;
-}
-
 std::string renderTemplate(std::string_view page, const std::map<std::string, std::string>& variables) {
     std::string out;
     out.reserve(page.size());
@@ -197,7 +181,7 @@ std::string renderTemplate(std::string_view page, const std::map<std::string, st
         if (it == variables.end())
             out.append(page.substr(open, close + 2 - open));
         else
-            out += htmlEscape(it->second);
+            out += escapeMarkup(it->second);
         at = close + 2;
     }
     out.append(page.substr(at));

@@ -18,9 +18,7 @@ inline constexpr const char* kUploadSucceeded = "Successful!";
 // static files of `siteFolder` behind them.
 void addWebRoutes(HttpServer& server, const std::string& siteFolder);
 
-// '&', '<', '>', '"' and '\'' as entities.
-std::string htmlEscape(std::string_view text);
-// Every "{{name}}" of a variable replaced by its HTML-escaped value; other text, unknown names
+// Every "{{name}}" of a variable replaced by its value through escapeMarkup; other text, unknown names
 // included, stays as it is.
 std::string renderTemplate(std::string_view page, const std::map<std::string, std::string>& variables);
 
