@@ -141,13 +141,13 @@ std::optional<std::string> HttpRequest::readBody(size_t limit) {
     const int64_t declared = contentLength();
     if (declared > static_cast<int64_t>(limit)) return std::nullopt;
     std::string body;
-    char buffer[16384];
+    std::vector<char> buffer(16384);  // CivetWeb's worker threads have small stacks
     for (;;) {
-        const int n = read(buffer, sizeof buffer);
+        const int n = read(buffer.data(), buffer.size());
         if (n < 0) return std::nullopt;
         if (n == 0) break;
         if (body.size() + static_cast<size_t>(n) > limit) return std::nullopt;
-        body.append(buffer, static_cast<size_t>(n));
+        body.append(buffer.data(), static_cast<size_t>(n));
     }
     return body;
 }

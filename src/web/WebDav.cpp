@@ -430,13 +430,14 @@ void WebDavService::put(HttpRequest& request, const Target& t) {
     if (!writer.ok()) return request.sendText(statusOfErrno(writer.errorCode()), writer.error() + "\n");
     const int64_t expected = request.contentLength();
     int64_t received = 0;
-    char buffer[65536];
+    // On the heap: CivetWeb's worker threads have small stacks.
+    std::vector<char> buffer(65536);
     for (;;) {
-        const int n = request.read(buffer, sizeof buffer);
+        const int n = request.read(buffer.data(), buffer.size());
         if (n < 0) return request.sendText(400, "The upload broke off.\n");
         if (n == 0) break;
         received += n;
-        if (!writer.write(buffer, static_cast<size_t>(n)))
+        if (!writer.write(buffer.data(), static_cast<size_t>(n)))
             return request.sendText(statusOfErrno(writer.errorCode()), writer.error() + "\n");
     }
     if (expected >= 0 && received != expected) return request.sendText(400, "The upload broke off.\n");
