@@ -110,21 +110,16 @@ bool within(const std::string& path, const std::string& top) {
            (path.size() > top.size() && path.compare(0, top.size(), top) == 0 && path[top.size()] == '/');
 }
 
-std::string httpDate(time_t t) {
+std::string utcText(time_t t, const char* format) {
     char text[64];
     struct tm tm {};
     gmtime_r(&t, &tm);
-    std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", &tm);
+    std::strftime(text, sizeof text, format, &tm);
     return text;
 }
 
-std::string isoDate(time_t t) {
-    char text[64];
-    struct tm tm {};
-    gmtime_r(&t, &tm);
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    return text;
-}
+std::string httpDate(time_t t) { return utcText(t, "%a, %d %b %Y %H:%M:%S GMT"); }
+std::string isoDate(time_t t) { return utcText(t, "%Y-%m-%dT%H:%M:%SZ"); }
 
 std::string statusLine(int status) {
     switch (status) {
